@@ -1,0 +1,59 @@
+#include "comp/SysGlobals.h"
+
+#include <cstring>
+
+extern "C" {
+char g_caMsg[2048];
+CommCfg g_stCommCfgValue;
+MsgQCntl g_stMsgQCntl[32];
+SemCntl g_stSemCntl[32];
+int g_iShmTblId = -1;
+int g_memlist_shmkey;
+int g_memlist_shmsize;
+int g_iRtnErrno;
+int g_iaRtnPath[20];
+int g_iRtnIdx;
+int g_iDebugSwitch;
+
+const char* const g_pcaRouteColumns[28] = {
+    "ROUTEID",       "ROUTEMONID",     "ROUTENAME",     "MSGTYPEGETLEN",   "MSGTYPEGETOFFSET",
+    "ROUTEMSGFLAG",  "MSGTYPEGETTYPE", "MSGTYPECHARLEN", "IDLETIMEOUT",    "MSGSNDTYPE",
+    "BEATINTERVAL",  "RECONNINTERVAL", "SEQINTEL",      "RESERVED13",      "RESERVED14",
+    "RESERVED15",    "MSGLENGETLEN",   "MSGLENGETOFFSET", "MSGLENGETTYPE", "MSGLENINTEL",
+    "HEADERLEN",     "MSGLENADJUST",   "IPPORT",        "IPPORTUPPER",     "BEATSWITCH",
+    "RCVMETHOD",     "INPREHDL",       "OUTPREHDL",
+};
+}
+
+namespace {
+constexpr long kDefaultTraceLimit = 20971520;   // 20 MiB
+constexpr long kDefaultErrLogLimit = 1048576;   // 1 MiB
+
+ProcState InitialState() {
+    ProcState st{};
+    std::strcpy(st.stLog.caTraceBase, "../log/unkonwn.log");
+    st.stLog.iTraceLevel = 1;
+    st.stLog.lTraceSizeLimit = kDefaultTraceLimit;
+    std::strcpy(st.stLog.caErrLogName, "../log/wren_bin");
+    st.stLog.iErrLogMode = 0;
+    st.stLog.lErrLogSizeLimit = kDefaultErrLogLimit;
+    return st;
+}
+}  // namespace
+
+ProcState g_stProcState = InitialState();
+
+void SysResetGlobals() {
+    std::memset(g_caMsg, 0, sizeof g_caMsg);
+    std::memset(&g_stCommCfgValue, 0, sizeof g_stCommCfgValue);
+    std::memset(g_stMsgQCntl, 0, sizeof g_stMsgQCntl);
+    std::memset(g_stSemCntl, 0, sizeof g_stSemCntl);
+    g_iShmTblId = -1;
+    g_memlist_shmkey = 0;
+    g_memlist_shmsize = 0;
+    g_iRtnErrno = 0;
+    std::memset(g_iaRtnPath, 0, sizeof g_iaRtnPath);
+    g_iRtnIdx = 0;
+    g_iDebugSwitch = 0;
+    g_stProcState = InitialState();
+}

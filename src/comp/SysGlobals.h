@@ -1,0 +1,47 @@
+// The process-wide state of one communication process, defined together in
+// SysGlobals.cpp. The g_ names are shared with the platform's other routines
+// and plug-ins; everything else the frame keeps per process is grouped in
+// g_stProcState.
+#pragma once
+
+#include "comp/SysTypes.h"
+
+extern "C" {
+
+// Scratch buffer for one log line at a time: a routine formats its message
+// here (bounded) and hands it to ErrLog/writelog at once. Never keep a pointer
+// into it across calls.
+extern char g_caMsg[2048];
+
+extern CommCfg g_stCommCfgValue;        // CommCfg block of sys.cfg
+extern MsgQCntl g_stMsgQCntl[32];       // queues of [QRESOURCE], by index
+extern SemCntl g_stSemCntl[32];         // semaphore sets of [SEMRESOURCE], by index
+extern int g_iShmTblId;                 // id of the table segment
+extern int g_memlist_shmkey;            // key of the registry segment
+extern int g_memlist_shmsize;           // size of the registry segment
+
+// Error-log bookkeeping.
+extern int g_iRtnErrno;                 // code of the last ErrLog call
+extern int g_iaRtnPath[20];             // numbers of the routines the process is in
+extern int g_iRtnIdx;                   // fill count of g_iaRtnPath
+extern int g_iDebugSwitch;              // ErrLog codes 1..998 are written only when set
+
+}  // extern "C"
+
+// Settings of the trace log and the error log.
+struct LogSettings {
+    char caTraceBase[256];    // trace base name; "../log/unkonwn.log" until SysSetLog
+    int iTraceLevel;          // entries below this level are dropped
+    long lTraceSizeLimit;     // bytes
+    char caErrLogName[200];   // error-log base name; "../log/wren_bin" until ChgLog('1')
+    int iErrLogMode;          // ChgLog('2')
+    long lErrLogSizeLimit;    // bytes, ChgLog('3')
+};
+
+struct ProcState {
+    LogSettings stLog;
+};
+extern ProcState g_stProcState;
+
+// Puts every global back to its start value (for tests).
+void SysResetGlobals();

@@ -1,0 +1,37 @@
+// sys.cfg: the byte-wise file library, the CommCfg block, the resource
+// sections, and the lookups in the loaded-table segment.
+#pragma once
+
+#include "comp/SysTypes.h"
+
+extern "C" {
+
+// File library.
+int InitFile(const char* pcName, int iMode);
+int CloseFile(int iFd);
+int ReadBuf(int iFd, char* pcBuf, int iMax);
+int ReadFileLine(int iFd, char* pcLine);
+int JudgeIfStrMatch(const char* pcKey, int iKeyLen, const char* pcBuf, int iBufLen, int* piPos);
+int GetValue(const char* pcBuf, int iBufLen, const char* pcKey, int iKeyLen, char* pcValue);
+
+// Configuration readers.
+int GetCommConfigValue(const char* pcPath, CommCfg* pstCfg);
+int GetAppCommConfigValue(const char* pcPath, int* piCount);
+int GetQueueConfigValue(int iCount, const char* pcPath, QueueCfgEntry* pstEntries);
+int GetSemConfigValue(int iCount, const char* pcPath, SemCfgEntry* pstEntries);
+int GetShmConfigValue(int iCount, const char* pcPath, ShmCfgEntry* pstEntries);
+int GetProcConfigValue(int iCount, const char* pcPath, ProcCfgEntry* pstEntries);
+
+// Lookups in the table segment. The key/value list ends with PARA_END.
+int SysGetValueByTableKey(const char* pcTable, const char* pcField, char* pcValue, ...);
+int SysGetenvByName(const char* pcName, char* pcValue);
+int getValueByKeyNew(const TableRecord* pstRec, const char* pcField, char* pcValue);
+int findSubStringNew(const TableRecord* pstRec, const char* pcField, const char* pcText);
+
+// Small list routines.
+int getValueByKey(const char* pcList, const char* pcKey, char* pcValue);
+int findSubString(const char* pcList, const char* pcItem);
+int findSubString2(const char* pcBuf, const char* pcText, int iLen);
+int getRandom(int iN);
+
+}  // extern "C"

@@ -1,0 +1,2 @@
+// Process entry: written in the next commit.
+int main() { return 255; }
