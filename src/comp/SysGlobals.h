@@ -33,7 +33,7 @@ struct LogSettings {
     char caTraceBase[256];    // trace base name; "../log/unkonwn.log" until SysSetLog
     int iTraceLevel;          // entries below this level are dropped
     long lTraceSizeLimit;     // bytes
-    char caErrLogName[200];   // error-log base name; "../log/wren_bin" until ChgLog('1')
+    char caErrLogName[201];   // error-log base name; "../log/wren_bin" until ChgLog('1')
     int iErrLogMode;          // ChgLog('2')
     long lErrLogSizeLimit;    // bytes, ChgLog('3')
 };
