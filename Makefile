@@ -1,0 +1,47 @@
+# Entry points for people and CI. Everything builds out of tree under build/.
+#   make run         build, start the example platform in the foreground (Ctrl-C stops it)
+#   make test        build and run every test
+#   make test-asan   the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make bench       build and run the benchmarks
+#   make fuzz        build the fuzz targets with clang and run each briefly
+JOBS ?= $(shell nproc)
+BUILD ?= build
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build test build-asan test-asan bench fuzz run clean
+
+all: build
+
+deps:
+	@scripts/deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
+
+build-asan: deps
+	cmake -S . -B $(BUILD)-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCOMP_SANITIZE=ON -DCOMP_BENCH=OFF >/dev/null
+	cmake --build $(BUILD)-asan -j $(JOBS)
+
+test-asan: build-asan
+	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --test-dir $(BUILD)-asan -j $(JOBS) --output-on-failure
+
+bench: build
+	scripts/bench.sh $(BUILD)
+
+fuzz:
+	COMP_WANT_FUZZ=1 scripts/deps.sh
+	cmake -S . -B $(BUILD)-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
+	  -DCOMP_FUZZ=ON -DCOMP_TESTS=OFF -DCOMP_BENCH=OFF >/dev/null
+	cmake --build $(BUILD)-fuzz -j $(JOBS)
+	scripts/fuzz.sh $(BUILD)-fuzz $${FUZZ_SECONDS:-20}
+
+run: build
+	scripts/run-example.sh $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-fuzz

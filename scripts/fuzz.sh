@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Runs every fuzz target built under BUILD/fuzz for SECONDS each, starting
+# from its seed corpus in fuzz/corpus/<target>. New inputs go to a scratch
+# directory so the checked-in corpus stays as it is.
+set -euo pipefail
+build=${1:?build directory}
+seconds=${2:-20}
+found=0
+for t in "$build"/fuzz/fuzz_*; do
+  [ -x "$t" ] || continue
+  found=1
+  name=$(basename "$t")
+  scratch=$(mktemp -d)
+  seeds="fuzz/corpus/$name"
+  echo "== $name for ${seconds}s"
+  if [ -d "$seeds" ]; then
+    "$t" -max_total_time="$seconds" -print_final_stats=0 "$scratch" "$seeds" 2>&1 | tail -n 3
+  else
+    "$t" -max_total_time="$seconds" -print_final_stats=0 "$scratch" 2>&1 | tail -n 3
+  fi
+  rm -rf "$scratch"
+done
+[ $found -eq 1 ] || { echo "no fuzz targets found in $build/fuzz"; exit 1; }
