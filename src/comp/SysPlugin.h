@@ -1,0 +1,29 @@
+// Hooks around the route plug-ins in $HOME/runs/bin: pre-handling of data,
+// heartbeat messages, calls by name, file loading and integrity checks.
+// A plug-in library is opened for each use and closed after it, so a new
+// library takes effect at the next message.
+#pragma once
+
+#include "comp/SysTypes.h"
+
+extern "C" {
+
+// A pre-handling function of libBeatMsg.so.
+typedef int (*SysPreHdlFunc)(int iRouteId, const char* pcData, int iLen, char* pcOut, int* piOutLen,
+                             unsigned short usValue);
+// SysBuildBeatHeart of libBeatMsg.so.
+typedef int (*SysBuildBeatHeartFunc)(const char* pcType, char* pcOut, int* piOutLen);
+// SysRcvMulPkg of libnetrule.so: reads one message from the socket into
+// pcBuf (a queue text buffer) by the route's framing; returns the message
+// length, also stored in *piTotal, or a negative value.
+typedef int (*SysRcvMulPkgFunc)(int iRouteId, int iSock, char* pcBuf, int iHeaderLen, const RouteRecord* pstRoute,
+                                int* piTotal);
+
+int SysPreHdl(const char* pcRouteId, const char* pcFunc, const char* pcData, int iLen, char* pcOut,
+              int* piOutLen, unsigned short usValue);
+int SysDealBeatHeart(const char* pcType, char* pcOut, int* piOutLen);
+int PubDlExeFuncWithPara(const char* pcName, void* pvArg);
+int SysRDFile2Buf(const char* pcFile, char* pcBuf);
+int SysCheckMd5(const char* pcBuf, int iLen);
+
+}  // extern "C"
