@@ -1,5 +1,7 @@
 #include "TestEnv.h"
 
+#include "comp/SysGlobals.h"
+
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -51,6 +53,10 @@ TempRunDir::TempRunDir() {
     if (const char* v = getenv("HOME")) { hadHome_ = true; oldHome_ = v; }
     setenv("RUNDIR", path_.c_str(), 1);
     setenv("HOME", path_.c_str(), 1);
+    // The error log waits for its file as long as it takes; its default name
+    // is relative to the working directory, so point it into this directory.
+    std::snprintf(g_stProcState.stLog.caErrLogName, sizeof g_stProcState.stLog.caErrLogName, "%s/log/wren_bin",
+                  path_.c_str());
 }
 
 TempRunDir::~TempRunDir() {
@@ -68,6 +74,13 @@ void TempRunDir::write(const std::string& rel, const std::string& content) const
 }
 
 std::string TempRunDir::read(const std::string& rel) const { return ReadFile(file(rel)); }
+
+void ResetGlobals() {
+    SysResetGlobals();
+    if (const char* run = getenv("RUNDIR"))
+        std::snprintf(g_stProcState.stLog.caErrLogName, sizeof g_stProcState.stLog.caErrLogName, "%s/log/wren_bin",
+                      run);
+}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

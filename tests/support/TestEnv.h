@@ -48,6 +48,11 @@ private:
     std::vector<key_t> keys_;
 };
 
+// SysResetGlobals(), then points the error log into $RUNDIR/log when RUNDIR
+// is set: the error log waits for its file without end, and its default name
+// is relative to the working directory.
+void ResetGlobals();
+
 // Reads a whole file ("" when missing).
 std::string ReadFile(const std::string& path);
 // Whether kernel.msgmax allows 64 KiB queue messages (raises it when root).
