@@ -1,0 +1,216 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "ConfigFixture.h"
+#include "config/FileOpApp.h"
+
+namespace {
+
+const char kSample[] =
+    "# platform settings\n"
+    "[OTHER]\n"
+    "STATION_ID 9999\n"
+    "[]\n"
+    "\n"
+    "[APPVARS] application variables\n"
+    "LOG_LEVEL 2\n"
+    "  # an indented note\n"
+    "\t\n"
+    "STATION_ID 0123456789ABCDEF\n"
+    "FTPUSER\tguest   \n"
+    "STATION_ID second\n"
+    "[]\n"
+    "TAIL after the part\n";
+
+class AppCfg : public ConfigTest {
+protected:
+    void SetUp() override {
+        ConfigTest::SetUp();
+        run.write("etc/app.cfg", kSample);
+    }
+
+    std::string Var(const char* name) {
+        char value[128] = {};
+        return SysGetAppVar(name, value) == 0 ? value : "<none>";
+    }
+    std::string File() const { return run.read("etc/app.cfg"); }
+    std::string Backup() const { return run.read("etc/.app.cfg.old"); }
+
+    // Runs fn in a child process and returns its exit status.
+    template <typename Fn>
+    static int InChild(Fn fn) {
+        pid_t pid = fork();
+        if (pid == 0) _exit(fn());
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+};
+
+TEST_F(AppCfg, StreamReaderTakesEveryEntryOfThePart) {
+    AppCfgEntry e[8] = {};
+    ASSERT_EQ(SysReadAppCfgByTag("[APPVARS]", e), 0);   // header with trailing text
+    EXPECT_STREQ(e[0].caName, "LOG_LEVEL");
+    EXPECT_STREQ(e[0].caValue, "2");
+    EXPECT_STREQ(e[1].caName, "#");   // indented "#" is an entry here
+    EXPECT_STREQ(e[1].caValue, "an");
+    EXPECT_STREQ(e[2].caValue, "0123456789ABCDEF");
+    EXPECT_STREQ(e[3].caName, "FTPUSER");
+    EXPECT_STREQ(e[3].caValue, "guest");
+    EXPECT_STREQ(e[4].caValue, "second");
+    EXPECT_STREQ(e[5].caName, "");   // "TAIL" is after the closing "[]"
+
+    AppCfgLine l[8] = {};
+    ASSERT_EQ(SysReadCfg2Arr("[OTHER]", l), 0);
+    EXPECT_STREQ(l[0].caLine, "STATION_ID 9999");
+    EXPECT_STREQ(l[1].caLine, "");
+
+    EXPECT_EQ(SysReadAppCfgByTag("[MISSING]", e), -1);
+    EXPECT_EQ(SysReadCfg2Arr("[MISSING]", l), 0);
+    EXPECT_TRUE(Contains(Logs(), " app.cfg lost [MISSING] part"));
+}
+
+TEST_F(AppCfg, PartWithoutClosingLineRunsToTheEnd) {
+    run.write("etc/app.cfg", "[APPVARS]\nA 1\n[OTHER]\nB 2");
+    AppCfgEntry e[4] = {};
+    ASSERT_EQ(SysReadAppCfgByTag("[APPVARS]", e), 0);
+    EXPECT_STREQ(e[1].caName, "[OTHER]");
+    EXPECT_STREQ(e[2].caName, "B");
+    EXPECT_STREQ(e[2].caValue, "2");
+    EXPECT_EQ(Var("B"), "<none>");   // the line reader drops a last line without newline
+    EXPECT_EQ(Var("A"), "1");
+    EXPECT_TRUE(Contains(Logs(), "[B] is not found in [APPVARS]"));
+}
+
+TEST_F(AppCfg, LockTakingReaders) {
+    EXPECT_EQ(Var("LOG_LEVEL"), "2");
+    EXPECT_EQ(Var("STATION_ID"), "0123456789ABCDEF");   // first of the part, not of [OTHER]
+    EXPECT_EQ(Var("FTPUSER"), "guest");
+    EXPECT_EQ(Var("#"), "<none>");   // trimmed: an indented "#" is a comment
+    EXPECT_EQ(Var("TAIL"), "<none>");
+    char value[128];
+    EXPECT_EQ(SysGetValueByTagKey("[OTHER]", "STATION_ID", value), 0);
+    EXPECT_STREQ(value, "9999");
+
+    char name[128], val[128];
+    EXPECT_EQ(SysGetAppVarByIndex(0, name, val), 1);
+    EXPECT_STREQ(name, "LOG_LEVEL");
+    EXPECT_EQ(SysGetAppVarByIndex(1, name, val), 1);   // untrimmed: the indented "#" counts
+    EXPECT_STREQ(name, "#");
+    EXPECT_EQ(SysGetAppVarByIndex(4, name, val), 1);
+    EXPECT_STREQ(val, "second");
+    EXPECT_EQ(SysGetAppVarByIndex(5, name, val), 0);
+    EXPECT_EQ(SysGetAppVarByIndex(-1, name, val), -1);
+}
+
+TEST_F(AppCfg, ChangeRewritesOnlyTheFirstEntryAndKeepsTheRest) {
+    run.write("etc/.app.cfg.old", "stale");
+    EXPECT_EQ(SysChgAppVar("NOT_THERE", "1"), 0);   // unchanged, fresh backup
+    EXPECT_EQ(SysChgAppVar("TAIL", "1"), 0);        // outside the part
+    EXPECT_EQ(File(), kSample);
+    EXPECT_EQ(Backup(), kSample);
+
+    ASSERT_EQ(SysChgAppVar("STATION_ID", "42"), 0);
+    std::string want = kSample;
+    want.replace(want.find("STATION_ID 0123456789ABCDEF"), 27, "STATION_ID 42");
+    EXPECT_EQ(File(), want);
+    EXPECT_EQ(Backup(), kSample);
+    EXPECT_EQ(Var("STATION_ID"), "42");
+
+    ASSERT_EQ(SysChgAppVar("FTPUSER", "admin"), 0);   // a tab-separated entry
+    EXPECT_NE(File().find("\nFTPUSER admin\nSTATION_ID second\n"), std::string::npos);
+}
+
+TEST_F(AppCfg, ChangeRefusesWhatItCouldNotWriteBack) {
+    EXPECT_EQ(SysChgAppVar("STATION_ID", std::string(120, '7').c_str()), -1);
+    EXPECT_EQ(SysChgAppVar("LOG_LEVEL", "1\nEVIL 2"), -1);
+    EXPECT_EQ(File(), kSample);
+
+    std::string many = "[APPVARS]\nA 1\n";
+    for (int i = 0; i < 255; ++i) many += "# filler\n";
+    run.write("etc/app.cfg", many);   // 257 lines: more than the writer holds
+    EXPECT_EQ(SysChgAppVar("A", "2"), -1);
+    EXPECT_EQ(File(), many);
+
+    run.write("etc/app.cfg", "[APPVARS]\nA 1\nLAST 5");   // no final newline: kept
+    ASSERT_EQ(SysChgAppVar("A", "2"), 0);
+    EXPECT_EQ(File(), "[APPVARS]\nA 2\nLAST 5");
+}
+
+TEST_F(AppCfg, FailedRewriteIsRestoredFromBackup) {
+    // The child may grow files only a little past the current size, so the
+    // backup copy succeeds and the longer rewrite fails part way.
+    const rlim_t limit = sizeof kSample + 10;
+    int rc = InChild([limit] {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit rl {limit, limit};
+        setrlimit(RLIMIT_FSIZE, &rl);
+        return SysChgAppVar("LOG_LEVEL", std::string(100, '5').c_str()) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(File(), kSample);
+}
+
+TEST_F(AppCfg, ReadersWaitForTheLockHolder) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const std::string path = run.file("etc/app.cfg");
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(path.c_str(), O_RDWR);
+        if (fd < 0 || lockf(fd, F_LOCK, 0) != 0) _exit(1);
+        (void)!write(ready[1], "x", 1);
+        usleep(300 * 1000);
+        const std::string changed = "[APPVARS]\nLOG_LEVEL 4\n[]\n";
+        (void)!ftruncate(fd, 0);
+        (void)!pwrite(fd, changed.data(), changed.size(), 0);
+        _exit(0);   // releases the lock
+    }
+    char c;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Var("LOG_LEVEL"), "4");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(AppCfg, ConcurrentChangesOfDifferentVariablesBothLand) {
+    constexpr int kRounds = 40;
+    auto changeMany = [](const char* name) {
+        for (int i = 1; i <= kRounds; ++i)
+            if (SysChgAppVar(name, std::to_string(i).c_str()) != 0) return 1;
+        return 0;
+    };
+    pid_t pid = fork();
+    if (pid == 0) _exit(changeMany("LOG_LEVEL"));
+    EXPECT_EQ(changeMany("FTPUSER"), 0);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(Var("LOG_LEVEL"), std::to_string(kRounds));
+    EXPECT_EQ(Var("FTPUSER"), std::to_string(kRounds));
+    EXPECT_EQ(Var("STATION_ID"), "0123456789ABCDEF");
+}
+
+TEST_F(ConfigTest, AppCfgFileCopy) {
+    run.write("src.bin", std::string(3000, 'q') + '\0' + "end");
+    ASSERT_EQ(filecopy(run.file("src.bin").c_str(), run.file("dst.bin").c_str()), 0);
+    EXPECT_EQ(run.read("dst.bin"), run.read("src.bin"));
+    const std::string missing = run.file("missing");
+    EXPECT_EQ(filecopy(missing.c_str(), run.file("dst.bin").c_str()), -1);
+    EXPECT_TRUE(Contains(Logs(), "Open " + missing + " Error:No such file or directory"));
+}
+
+}  // namespace
