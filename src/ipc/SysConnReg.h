@@ -24,3 +24,8 @@ int DeleteBusyAll(const char* pcType);
 int print(void);
 
 }  // extern "C"
+
+// Each process keeps its attachment of the registry segment between calls;
+// this drops it (the next call attaches again). For tests and for a process
+// that wants to let go of the segment.
+void SysConnRegDetach();

@@ -1,0 +1,368 @@
+// Connection registry on real System V objects with private keys.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "TestEnv.h"
+#include "comp/SysGlobals.h"
+#include "ipc/SysConnReg.h"
+#include "ipc/SysIpc.h"
+
+namespace {
+
+using comp::kRegistryNodes;
+using comp::kRegistrySegmentMin;
+
+// A test's own view of the registry segment.
+class SegView {
+public:
+    explicit SegView(int shmId) : base_(static_cast<char*>(shmat(shmId, nullptr, 0))) {}
+    ~SegView() { shmdt(base_); }
+    SegView(const SegView&) = delete;
+    SegView& operator=(const SegView&) = delete;
+
+    ConnListHeader& hdr() { return *reinterpret_cast<ConnListHeader*>(base_ + comp::kRegistryHeaderOff); }
+    ConnNode& node(int i) { return reinterpret_cast<ConnNode*>(base_ + comp::kRegistryNodesOff)[i]; }
+
+    // Indices of a circle from its head along the next links.
+    std::vector<int> circle(int head) {
+        std::vector<int> v;
+        for (int cur = head; cur != -1 && v.size() <= size_t(kRegistryNodes); cur = node(cur).iNext) {
+            v.push_back(cur);
+            if (node(cur).iNext == head) break;
+        }
+        return v;
+    }
+    std::vector<int> busyOrder() { return circle(hdr().iBusy); }
+
+private:
+    char* base_;
+};
+
+class ConnRegTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        comptest::ResetGlobals();
+        std::snprintf(g_stProcState.stLog.caErrLogName, sizeof g_stProcState.stLog.caErrLogName, "%s/log/err",
+                      run_.path().c_str());
+        std::snprintf(g_stProcState.stLog.caTraceBase, sizeof g_stProcState.stLog.caTraceBase, "%s/log/trc",
+                      run_.path().c_str());
+        semId_ = keys_.newSemSet(10, 0);
+        shmId_ = keys_.newShm(kRegistrySegmentMin, &shmKey_);
+        ASSERT_GE(semId_, 0);
+        ASSERT_GE(shmId_, 0);
+        WriteCfg(shmKey_, kRegistrySegmentMin);
+        ASSERT_EQ(SysInitMemList(1, 1, semId_), 0);
+        ASSERT_EQ(SysConnectMem(1, 1), 0);
+        view_ = std::make_unique<SegView>(shmId_);
+    }
+    void TearDown() override {
+        view_.reset();
+        SysConnRegDetach();
+    }
+
+    void WriteCfg(key_t key, int size) {
+        run_.write("etc/sys.cfg", "[SHMRESOURCE]\nCONNREG 1 " + std::to_string(key) + " " + std::to_string(size) +
+                                      "\nTABLE 2 12345 4096\n");
+    }
+
+    // Everything written to the error log so far.
+    std::string ErrLogText() const {
+        std::string all;
+        for (const auto& e : std::filesystem::directory_iterator(run_.file("log")))
+            if (e.path().filename().string().rfind("err_", 0) == 0) all += comptest::ReadFile(e.path().string());
+        return all;
+    }
+    bool ErrLogHas(const std::string& text) const { return ErrLogText().find(text) != std::string::npos; }
+
+    int LockValue() const { return SemGetValue2(semId_, 0); }
+
+    // Registers in a child process, so the node carries another pid.
+    pid_t RegisterInChild(const char* route, const char* ip) {
+        pid_t pid = fork();
+        if (pid == 0) _exit(SysSaveInfo(route, ip, 1, -1, 3) >= 0 ? 0 : 1);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return pid;
+    }
+
+    comptest::TempRunDir run_;
+    comptest::IpcKeys keys_;
+    int semId_ = -1, shmId_ = -1;
+    key_t shmKey_ = 0;
+    std::unique_ptr<SegView> view_;
+};
+
+TEST_F(ConnRegTest, NewestRegistrationIsTheBusyHeadAndFreedNodesFollowTheFreeHead) {
+    EXPECT_EQ(LockValue(), 1);   // formatting released the lock once
+    EXPECT_EQ(view_->node(0).iPrev, kRegistryNodes - 1);
+    ASSERT_EQ(print(), 0);
+    for (const char* line : {"total blocks=16384", "free blocks=16384", "busy blocks=0", "iFree=0", "iBusy=-1",
+                             "busy null"})
+        EXPECT_TRUE(ErrLogHas(line)) << line;
+
+    EXPECT_EQ(SysSaveInfo("1001", "10.0.0.1", 5001, -1, 11), 0);
+    EXPECT_EQ(SysSaveInfo(" 10 02 ", "10.0.0. 2", 5002, -1, 12), 1);
+    EXPECT_EQ(SysSaveInfo("1003", "10.0.0.3", 5003, -1, 13), 2);
+    EXPECT_EQ(view_->busyOrder(), (std::vector<int>{2, 1, 0}));
+    const ConnNode& n1 = view_->node(1);
+    EXPECT_STREQ(n1.caType, "COM");
+    EXPECT_STREQ(n1.caRouteId, "1002");   // blanks removed
+
+    ASSERT_EQ(DeleteOne(1003, "10.0.0.3", 0, 13), 0);
+    EXPECT_EQ(view_->busyOrder(), (std::vector<int>{1, 0}));
+    EXPECT_EQ(view_->hdr().iFree, 3);   // the free head stays, the freed node follows it
+    EXPECT_EQ(view_->node(3).iNext, 2);
+    EXPECT_EQ(SysSaveInfo("7", "1.1.1.1", 1, -1, 1), 3);
+    EXPECT_EQ(SysSaveInfo("8", "1.1.1.1", 1, -1, 2), 2);
+
+    ASSERT_EQ(print(), 0);
+    std::string log = ErrLogText(), pid = std::to_string(getpid());
+    size_t next = log.find("busy next,pid=" + pid), pre = log.find("busy pre,pid=" + pid);
+    size_t a = log.find("[8]\t[1.1.1.1:1]\t" + pid + "\t", next);
+    size_t b = log.find("[1002]\t[10.0.0.2:5002]\t" + pid + "\t", next);
+    size_t c = log.find("[1001]\t[10.0.0.1:5001]", next);
+    EXPECT_TRUE(next < a && a < b && b < c && c < pre && pre != std::string::npos);   // newest first
+    EXPECT_EQ(LockValue(), 1);
+}
+
+TEST_F(ConnRegTest, FullRegistryRefusesTheNextRegistration) {
+    for (int i = 0; i < kRegistryNodes; ++i) ASSERT_EQ(SysSaveInfo("1", "2.2.2.2", i, -1, i), i);
+    EXPECT_EQ(SysSaveInfo("1", "2.2.2.2", 1, -1, 1), -2);
+    EXPECT_EQ(set("k", "v", 1), -2);
+    EXPECT_TRUE(ErrLogHas("not enough space"));
+    EXPECT_EQ(DeleteBusyByPid(getpid()), 0);
+    EXPECT_EQ(view_->hdr().iFreeBlocks, kRegistryNodes);
+    EXPECT_EQ(SysSaveInfo("1", "2.2.2.2", 1, -1, 1), kRegistryNodes - 1);   // last freed sits at the head
+}
+
+TEST_F(ConnRegTest, DeletesMatchOnlyTheirOwnKeys) {
+    EXPECT_EQ(DeleteOne(1001, "10.0.0.1", 0, 11), 1);   // empty list
+    EXPECT_EQ(DeleteBusyByPid(getpid()), 1);
+
+    SysSaveInfo("1001", "10.0.0.1", 5001, -1, 11);
+    SysSaveInfo("1001", "10.0.0.2", 5002, -1, 12);
+    EXPECT_EQ(DeleteOne(1002, "10.0.0.1", 0, 11), 1);   // another route id
+    EXPECT_EQ(DeleteOne(1001, "10.0.0.1", 0, 12), 1);   // another descriptor
+    EXPECT_EQ(view_->hdr().iBusyBlocks, 2);
+    EXPECT_EQ(DeleteOne(1001, "10.0.0.1", 99, 11), 0);
+    EXPECT_EQ(view_->hdr().iBusyBlocks, 1);
+
+    EXPECT_EQ(DeleteFWOne(getpid(), "10.0.0.2", 5003, 12), 1);   // another port
+    EXPECT_EQ(DeleteFWOne(getpid() + 1, "10.0.0.2", 5002, 12), 1);
+    EXPECT_EQ(DeleteFWOne(getpid(), "10.0.0.2", 5002, 12), 0);
+    EXPECT_EQ(view_->hdr().iBusy, -1);
+
+    // Nodes of two processes: each pid removes only its own.
+    SysSaveInfo("1", "3.3.3.3", 1, -1, 1);
+    pid_t child1 = RegisterInChild("2", "4.4.4.4");
+    SysSaveInfo("1", "3.3.3.4", 1, -1, 2);
+    pid_t child2 = RegisterInChild("2", "4.4.4.5");
+    EXPECT_EQ(DeleteBusyByPid(getpid()), 0);
+    std::vector<int> left = view_->busyOrder();
+    ASSERT_EQ(left.size(), 2u);
+    EXPECT_EQ(view_->node(left[0]).iPid, child2);
+    EXPECT_EQ(view_->node(left[1]).iPid, child1);
+    EXPECT_EQ(DeleteBusyByPid(child1), 0);
+    EXPECT_EQ(view_->busyOrder(), (std::vector<int>{left[0]}));
+    EXPECT_EQ(LockValue(), 1);
+}
+
+TEST_F(ConnRegTest, VirtualDescriptorsAreListedAndRemovedTogether) {
+    EXPECT_EQ(DeleteVirtualFdMany(getpid(), 7, 20), 1);
+    EXPECT_TRUE(ErrLogHas("cannot find key in an empty list"));
+
+    SysSaveInfo("9", "5.5.5.1", 6001, 7, 20);
+    SysSaveInfo("9", "5.5.5.2", 6002, 8, 20);   // other virtual descriptor
+    SysSaveInfo("9", "5.5.5.3", 6003, 7, 20);
+    SysSaveInfo("9", "5.5.5.4", 6004, 7, 21);   // other socket
+    std::vector<ConnNode> out(kRegistryNodes);
+    ASSERT_EQ(GetVirtualNodeList(getpid(), 7, 20, out.data()), 2);
+    EXPECT_STREQ(out[0].caIp, "5.5.5.3");   // newest first
+    EXPECT_EQ(out[1].iPort, 6001);
+
+    EXPECT_EQ(DeleteVirtualFdMany(getpid(), 7, 20), 0);
+    EXPECT_EQ(GetVirtualNodeList(getpid(), 7, 20, out.data()), 0);
+    EXPECT_EQ(view_->hdr().iBusyBlocks, 2);
+    EXPECT_EQ(DeleteVirtualFdMany(getpid(), 8, 20), 0);
+    EXPECT_EQ(DeleteVirtualFdMany(getpid(), 7, 21), 0);
+    EXPECT_EQ(view_->hdr().iBusy, -1);
+}
+
+TEST_F(ConnRegTest, KeyValueEntriesAndLookupByRouteAndIp) {
+    ASSERT_GE(set("alpha", "abc", 3), 0);
+    char buf[17] = {};
+    EXPECT_EQ(get("alpha", buf), 0);
+    EXPECT_EQ(std::string(buf, 3), "abc");
+    EXPECT_EQ(update("alpha", "0123456789abcdef", 16), 0);
+    EXPECT_EQ(get("alpha", buf), 0);
+    EXPECT_EQ(std::string(buf, 16), "0123456789abcdef");
+    EXPECT_EQ(get("beta", buf), 1);
+    EXPECT_EQ(get("alph", buf), 1);   // no prefix matches
+
+    // A value that does not fit the node is refused before a node is taken.
+    const int busy = view_->hdr().iBusyBlocks;
+    EXPECT_EQ(set("gamma", "01234567890123456", 17), -1);
+    EXPECT_EQ(update("alpha", "01234567890123456", 17), -1);
+    EXPECT_EQ(set(std::string(64, 'k').c_str(), "x", 1), -1);
+    EXPECT_EQ(view_->hdr().iBusyBlocks, busy);
+
+    SysSaveInfo("3001", "6.6.6.6", 7001, 42, 30);
+    ConnNode out{};
+    EXPECT_EQ(SysGetPidByRouteidIp("3001", "6.6.6.6", &out), getpid());
+    EXPECT_TRUE(out.iVirtualFd == 42 && out.iPort == 7001);
+    EXPECT_EQ(SysGetPidByRouteidIp("3001 ", "6.6.6.6", &out), getpid());
+    EXPECT_EQ(SysGetPidByRouteidIp("3002", "6.6.6.6", &out), -2);
+    EXPECT_EQ(LockValue(), 1);
+}
+
+TEST_F(ConnRegTest, ClearingByTypeTakesExactTypesOnly) {
+    SysSaveInfo("1", "1.1.1.1", 1, -1, 1);
+    SysSaveInfo("1", "1.1.1.2", 1, -1, 2);
+    int other = SysSaveInfo("1", "1.1.1.3", 1, -1, 3);
+    std::strcpy(view_->node(other).caType, "COMX");
+    int untyped = SysSaveInfo("1", "1.1.1.4", 1, -1, 4);
+    view_->node(untyped).caType[0] = '\0';
+
+    EXPECT_EQ(ClearConnList("COM"), 0);
+    EXPECT_EQ(view_->busyOrder(), (std::vector<int>{untyped, other}));
+    EXPECT_EQ(DeleteBusyAll("COMX"), 0);
+    EXPECT_EQ(view_->busyOrder(), (std::vector<int>{untyped}));
+    EXPECT_EQ(DeleteBusyAll(""), 0);
+    EXPECT_EQ(view_->hdr().iBusy, -1);
+}
+
+TEST_F(ConnRegTest, LockOfAKilledHolderIsGivenBack) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        SysP(semId_, 0);
+        char c = 'x';
+        (void)!write(fds[1], &c, 1);
+        pause();
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(fds[0], &c, 1), 1);
+    close(fds[0]);
+    close(fds[1]);
+    EXPECT_EQ(LockValue(), 0);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    ASSERT_EQ(LockValue(), 1);   // the undo gave it back; the call below cannot block
+    EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 1), 0);
+    EXPECT_EQ(LockValue(), 1);
+}
+
+TEST_F(ConnRegTest, ConcurrentProcessesKeepTheListsWhole) {
+    constexpr int kProcs = 4, kRounds = 5000;
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    std::vector<pid_t> kids;
+    for (int p = 0; p < kProcs; ++p) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            close(gate[1]);
+            char c;
+            (void)!read(gate[0], &c, 1);   // all start together when the gate closes
+            int bad = 0;
+            for (int i = 0; i < kRounds; ++i) {
+                if (SysSaveInfo("5", "7.7.7.7", i, -1, p) < 0) ++bad;
+                if (i % 3 == 2 && DeleteFWOne(getpid(), "7.7.7.7", i - 1, p) != 0) ++bad;
+            }
+            _exit(bad == 0 ? 0 : 1);
+        }
+        kids.push_back(pid);
+    }
+    close(gate[0]);
+    close(gate[1]);
+    for (pid_t pid : kids) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const int expectBusy = kProcs * (kRounds - kRounds / 3);
+    EXPECT_EQ(view_->hdr().iBusyBlocks, expectBusy);
+    EXPECT_EQ(static_cast<int>(view_->busyOrder().size()), expectBusy);
+    for (pid_t pid : kids) EXPECT_EQ(DeleteBusyByPid(pid), 0);
+    EXPECT_EQ(view_->hdr().iFreeBlocks, kRegistryNodes);
+    EXPECT_EQ(view_->circle(view_->hdr().iFree).size(), size_t(kRegistryNodes));
+}
+
+TEST_F(ConnRegTest, UnusableSegmentsAreRefusedWithoutTouchingTheLock) {
+    key_t smallKey = 0;
+    ASSERT_GE(keys_.newShm(kRegistrySegmentMin - 1, &smallKey), 0);
+    WriteCfg(smallKey, kRegistrySegmentMin - 1);
+    EXPECT_EQ(SysConnectMem(1, 1), -1);
+    EXPECT_EQ(SysInitMemList(1, 1, semId_), -1);
+    EXPECT_TRUE(ErrLogHas("too small"));
+    WriteCfg(smallKey, kRegistrySegmentMin);   // claiming the full size fails at the lookup
+    EXPECT_EQ(SysConnectMem(1, 1), -1);
+    EXPECT_EQ(g_memlist_shmkey, shmKey_);      // still the good segment
+
+    EXPECT_EQ(SemSetValue2(semId_, 0, 0), 0);  // a SysP now would block
+    g_memlist_shmsize = 100;
+    EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 1), -1);
+    char* addr[3];
+    EXPECT_EQ(attach(&addr[0], &addr[1], &addr[2]), -1);
+    g_memlist_shmsize = kRegistrySegmentMin;
+    g_memlist_shmkey = keys_.next();           // no segment under this key
+    EXPECT_EQ(DeleteVirtualFdMany(1, 1, 1), -1);
+    EXPECT_EQ(print(), -1);
+    EXPECT_EQ(DeleteBusyAll("COM"), -1);
+    EXPECT_TRUE(ErrLogHas("attach error"));
+    g_memlist_shmkey = 0;                      // never connected
+    EXPECT_EQ(ClearConnList("COM"), -1);
+    EXPECT_EQ(LockValue(), 0);
+}
+
+TEST_F(ConnRegTest, ReplacedSegmentIsAttachedAfresh) {
+    ASSERT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 1), 0);
+    ASSERT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 2), 1);
+    view_.reset();
+    ASSERT_EQ(shmctl(shmId_, IPC_RMID, nullptr), 0);
+    shmId_ = shmget(shmKey_, kRegistrySegmentMin, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_GE(shmId_, 0);
+    ASSERT_EQ(SysInitMemList(1, 1, semId_), 0);
+    EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 3), 0);   // index 0 of the new segment
+    SegView fresh(shmId_);
+    EXPECT_EQ(fresh.hdr().iBusyBlocks, 1);
+}
+
+TEST_F(ConnRegTest, DamagedLinksGiveErrorsNotHangs) {
+    for (int i = 0; i < 3; ++i) SysSaveInfo("1", "1.1.1.1", 1, -1, i);
+    ConnListHeader& h = view_->hdr();
+
+    h.iBusy = kRegistryNodes;   // head out of range
+    EXPECT_EQ(DeleteBusyByPid(getpid()), -1);
+    EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 9), -1);
+    h.iBusy = 2;
+
+    view_->node(1).iNext = 1;   // a loop that never reaches the oldest node
+    EXPECT_EQ(DeleteOne(1, "9.9.9.9", 0, 0), -1);
+    EXPECT_EQ(print(), -1);
+    EXPECT_FALSE(ErrLogHas("busy next"));   // one error line, not a runaway listing
+    view_->node(1).iNext = -5;
+    EXPECT_EQ(GetVirtualNodeList(getpid(), -1, 0, std::vector<ConnNode>(3).data()), -1);
+    EXPECT_EQ(DeleteBusyByPid(getpid()), -1);
+    view_->node(1).iNext = 0;
+
+    h.iFree = -1;   // free count says otherwise
+    EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 9), -1);
+    h.iFree = 3;
+    EXPECT_TRUE(ErrLogHas("corrupt"));
+    EXPECT_EQ(DeleteBusyByPid(getpid()), 0);   // repaired, works again
+    EXPECT_EQ(h.iFreeBlocks, kRegistryNodes);
+}
+
+}  // namespace
