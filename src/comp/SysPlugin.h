@@ -21,6 +21,10 @@ typedef int (*SysRcvMulPkgFunc)(int iRouteId, int iSock, char* pcBuf, int iHeade
 
 int SysPreHdl(const char* pcRouteId, const char* pcFunc, const char* pcData, int iLen, char* pcOut,
               int* piOutLen, unsigned short usValue);
+// Without the plug-in: types 11 and 12 give a 62-byte frame, type 13 a
+// 40-byte station-link frame (-1 when app.cfg lacks the station id, the
+// frame is built with station 0000); other types give nothing and -1.
+// pcOut must hold at least 62 bytes.
 int SysDealBeatHeart(const char* pcType, char* pcOut, int* piOutLen);
 int PubDlExeFuncWithPara(const char* pcName, void* pvArg);
 int SysRDFile2Buf(const char* pcFile, char* pcBuf);
