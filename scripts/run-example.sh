@@ -31,6 +31,9 @@ rm -rf "$run"
 mkdir -p "$run/etc" "$run/log" "$run/fifo" "$run/runs/bin" "$run/runs/log"
 cp "$src/examples/sys.cfg" "$src/examples/app.cfg" "$src/examples/tables.cfg" "$src/examples/compkit.cfg" "$run/etc/"
 export RUNDIR="$run" HOME="$run" COMPKIT_COMP="$comp"
+# Objects left under the example's keys by a run that was killed outright
+# (no record of them survives): down removes them by the keys of sys.cfg.
+"$compkit" down "$run" >/dev/null 2>&1 || true
 
 # 64 KiB queue messages: raised here when root (compkit up says what is
 # missing otherwise).

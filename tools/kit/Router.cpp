@@ -1,0 +1,365 @@
+#include "kit/Router.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "ipc/SysFIFO.h"
+#include "ipc/SysIpc.h"
+#include "kit/KitIpc.h"
+#include "kit/KitUtil.h"
+
+namespace kit {
+
+namespace p = comp::plat;
+
+namespace {
+
+template <typename T>
+T Get(const char* text, int off) {
+    T v{};
+    std::memcpy(&v, text + off, sizeof v);
+    return v;
+}
+
+template <typename T>
+void Put(char* text, int off, T v) {
+    std::memcpy(text + off, &v, sizeof v);
+}
+
+// A fixed text field, up to its first NUL.
+std::string Field(const char* text, int off, int width) {
+    return std::string(text + off, strnlen(text + off, static_cast<size_t>(width)));
+}
+
+constexpr int kIpWidth = 16;
+constexpr int kPreviewChars = 60;
+
+}  // namespace
+
+bool DecodeHeader(const char* text, int len, PlatHeader* h) {
+    if (len < p::kHeaderLen) return false;
+    h->totalLen = Get<uint16_t>(text, p::kTotalLen);
+    h->kind = Get<uint16_t>(text, p::kKind);
+    h->pid = Get<int32_t>(text, p::kPid);
+    h->pid2 = Get<int32_t>(text, p::kPid2);
+    h->route = Get<uint16_t>(text, p::kRoute);
+    h->route2 = Get<uint16_t>(text, p::kRoute2);
+    h->sock = Get<int32_t>(text, p::kSock);
+    h->sock2 = Get<int32_t>(text, p::kSock2);
+    h->port = Get<int32_t>(text, p::kPort);
+    h->ip = Field(text, p::kIp, kIpWidth);
+    h->ip2 = Field(text, p::kIp2, kIpWidth);
+    h->flag = text[p::kFlag];
+    return true;
+}
+
+std::string Printable(const char* data, int len, int maxChars) {
+    std::string out;
+    for (int i = 0; i < len; ++i) {
+        if (static_cast<int>(out.size()) >= maxChars) {
+            out += "...";
+            break;
+        }
+        unsigned char c = static_cast<unsigned char>(data[i]);
+        if (c >= 0x20 && c < 0x7f && c != '\\') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02X", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+std::string DescribeMessage(const char* text, int len) {
+    PlatHeader h;
+    if (!DecodeHeader(text, len, &h)) return "short message of " + std::to_string(len) + " bytes";
+    char line[512];
+    const char* body = text + p::kHeaderLen;
+    const int bodyLen = len - p::kHeaderLen;
+    if (h.kind == p::kKindNotice && bodyLen >= 4 && std::memcmp(body, "N00", 3) == 0) {
+        std::string code(body, 4);
+        std::string ip = bodyLen >= p::kNoteIp + kIpWidth ? Field(body, p::kNoteIp, kIpWidth) : "";
+        int n = std::snprintf(line, sizeof line, "%s pid %d route %u fd %d ip %s port %d", code.c_str(), h.pid,
+                              h.route, h.sock, ip.c_str(), h.port);
+        if (code == "N001" && bodyLen >= p::kNoteBodyLen && n > 0)
+            std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " [%s] [%s] [%s]",
+                          Field(body, p::kNoteText1, 16).c_str(), Field(body, p::kNoteText2, 12).c_str(),
+                          Field(body, p::kNoteText3, 15).c_str());
+        if (code == "N004" && bodyLen >= p::kNoteIp + kIpWidth + 4 && n > 0)
+            std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " command %d",
+                          Get<int32_t>(body, p::kNoteIp + kIpWidth));
+        return line;
+    }
+    if (h.kind == p::kKindCommonp) {
+        std::snprintf(line, sizeof line, "Commonp notice pid %d code %u", h.pid,
+                      len >= p::kHeaderLen + 2 ? Get<uint16_t>(body, 0) : 0u);
+        return line;
+    }
+    std::snprintf(line, sizeof line, "%s pid %d route %u fd %d peer %s:%d len %u body \"%s\"",
+                  h.kind == p::kKindNet ? "data" : ("kind " + std::to_string(h.kind)).c_str(), h.pid, h.route,
+                  h.sock, h.ip.c_str(), h.port, h.totalLen,
+                  Printable(body, std::max(bodyLen, 0), kPreviewChars).c_str());
+    return line;
+}
+
+bool BuildAnswer(AnswerForm form, const char* requestHeader, const char* body, int bodyLen, std::vector<char>* out) {
+    if (bodyLen < 0 || p::kHeaderLen + bodyLen > comp::kQueueTextLen) return false;
+    out->assign(requestHeader, requestHeader + p::kHeaderLen);
+    out->insert(out->end(), body, body + bodyLen);
+    char* h = out->data();
+    // A total of 65,536 does not fit the 16-bit field; comp reads the length
+    // from the queue, so the field keeps its low bits as comp's own builder does.
+    Put<uint16_t>(h, p::kTotalLen, static_cast<uint16_t>(p::kHeaderLen + bodyLen));
+    if (form == AnswerForm::kTsPeerIpAt24) {
+        char ip[kIpWidth];
+        std::memcpy(ip, requestHeader + p::kIp, kIpWidth);
+        std::memcpy(h + p::kPort, ip, kIpWidth);
+    }
+    return true;
+}
+
+bool Deliver(int qid, const Delivery& d, std::string* why) {
+    int fd = iConnectFIFO(d.fifoName.c_str(), d.fifoKind);
+    if (fd < 0) {
+        *why = "FIFO " + d.fifoText() + " is missing";
+        return false;
+    }
+    UniqueFd fifo(fd);
+    auto buf = std::make_unique<QueueMsg>();
+    buf->lMsgType = d.type;
+    const int len = static_cast<int>(std::min<size_t>(d.text.size(), sizeof buf->caText));
+    std::memcpy(buf->caText, d.text.data(), static_cast<size_t>(len));
+    if (MsgWriteNoWait(qid, buf.get(), len) != 0) {
+        *why = "queue 8 refused the message: " + std::string(std::strerror(errno));
+        return false;
+    }
+    if (iWriteFIFO(fifo.get()) != 0) {
+        *why = "queued, but ringing FIFO " + d.fifoText() + " failed";
+        return false;
+    }
+    return true;
+}
+
+std::vector<int> RouteInstances(const std::string& runDir, int route) {
+    std::vector<int> out;
+    DIR* d = opendir((runDir + "/fifo").c_str());
+    if (d == nullptr) return out;
+    const std::string prefix = std::to_string(comp::kFifoRouteNotify) + "_" + std::to_string(route) + "_";
+    while (dirent* e = readdir(d)) {
+        std::string n = e->d_name;
+        if (n.compare(0, prefix.size(), prefix) != 0) continue;
+        if (auto v = ParseLong(std::string_view(n).substr(prefix.size())); v && *v >= 0)
+            out.push_back(static_cast<int>(*v));
+    }
+    closedir(d);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+int ReadQueue(int qid, long type, QueueMsg* buf, int timeoutMs) {
+    const int64_t deadline = NowMs() + timeoutMs;
+    for (;;) {
+        buf->lMsgType = type;
+        int n = MsgReadNoWait(qid, buf);
+        if (n > 0) return n;
+        if (n < 0) return -1;
+        if (NowMs() >= deadline) return 0;
+        SleepMs(1);
+    }
+}
+
+bool RelayBook::pop(int clientRoute, Entry* out) {
+    auto it = waiting_.find(clientRoute);
+    if (it == waiting_.end() || it->second.empty()) return false;
+    *out = std::move(it->second.front());
+    it->second.pop_front();
+    return true;
+}
+
+size_t RelayBook::waiting(int clientRoute) const {
+    auto it = waiting_.find(clientRoute);
+    return it == waiting_.end() ? 0 : it->second.size();
+}
+
+int RelayBook::expire(int64_t nowMs, int64_t maxAgeMs) {
+    int n = 0;
+    for (auto& [route, q] : waiting_)
+        while (!q.empty() && nowMs - q.front().sinceMs > maxAgeMs) {
+            q.pop_front();
+            ++n;
+        }
+    return n;
+}
+
+Router::Router(std::string runDir, KitConfig cfg, int toTranpQid, int fromTranpQid)
+    : runDir_(std::move(runDir)), cfg_(std::move(cfg)), toTranp_(toTranpQid), fromTranp_(fromTranpQid) {}
+
+void Router::handle(const char* text, int len, std::vector<std::string>* trace) {
+    trace->push_back("<- " + DescribeMessage(text, len));
+    PlatHeader h;
+    if (!DecodeHeader(text, len, &h) || h.kind != p::kKindNet) return;
+    const RouteCfg* r = cfg_.findRoute(h.route);
+    if (cfg_.relaySourceOf(h.route) != nullptr) {
+        relayAnswer(*cfg_.relaySourceOf(h.route), h.route, text, len, trace);
+    } else if (r == nullptr) {
+        trace->push_back("   route " + std::to_string(h.route) + " is not in compkit.cfg; dropped");
+    } else if (r->action == RouteCfg::Action::kEcho) {
+        echo(*r, h, text, len, trace);
+    } else if (r->action == RouteCfg::Action::kRelay) {
+        relayRequest(*r, text, len, trace);
+    } else {
+        trace->push_back("   route " + std::to_string(h.route) + " drops its messages");
+    }
+}
+
+void Router::echo(const RouteCfg& r, const PlatHeader& h, const char* text, int len,
+                  std::vector<std::string>* trace) {
+    Delivery d;
+    if (!BuildAnswer(r.mode->form, text, text + p::kHeaderLen, len - p::kHeaderLen, &d.text)) {
+        trace->push_back("   too long to answer; dropped");
+        return;
+    }
+    if (r.mode->form == AnswerForm::kByRoute) {
+        int inst = 0;
+        if (!pickInstance(r.id, &inst)) {
+            trace->push_back("   no instance of route " + std::to_string(r.id) + " waits (no FIFO 2_" +
+                             std::to_string(r.id) + "_*); dropped");
+            return;
+        }
+        d.type = r.id;
+        d.fifoKind = comp::kFifoRouteNotify;
+        d.fifoName = std::to_string(r.id) + "_" + std::to_string(inst);
+    } else {
+        d.type = h.pid;
+        d.fifoKind = comp::kFifoPidNotify;
+        d.fifoName = std::to_string(h.pid);
+    }
+    send(d, "echo", trace);
+}
+
+void Router::relayRequest(const RouteCfg& r, const char* text, int len, std::vector<std::string>* trace) {
+    int inst = 0;
+    if (!pickInstance(r.relayTo, &inst)) {
+        trace->push_back("   no instance of route " + std::to_string(r.relayTo) + " waits (no FIFO 2_" +
+                         std::to_string(r.relayTo) + "_*); request dropped");
+        return;
+    }
+    Delivery d;
+    d.type = r.relayTo;
+    d.text.assign(text, text + len);
+    d.fifoKind = comp::kFifoRouteNotify;
+    d.fifoName = std::to_string(r.relayTo) + "_" + std::to_string(inst);
+    std::string why;
+    if (!Deliver(fromTranp_, d, &why)) {
+        trace->push_back("   relay to route " + std::to_string(r.relayTo) + " failed: " + why);
+        return;
+    }
+    book_.push(r.relayTo, RelayBook::Entry{std::vector<char>(text, text + p::kHeaderLen), r.mode->form, NowMs()});
+    trace->push_back("-> queue 8 type " + std::to_string(d.type) + ", rang " + d.fifoText() + " (relay of route " +
+                     std::to_string(r.id) + ", " + std::to_string(book_.waiting(r.relayTo)) + " waiting)");
+}
+
+void Router::relayAnswer(const RouteCfg& from, int clientRoute, const char* text, int len,
+                         std::vector<std::string>* trace) {
+    RelayBook::Entry e;
+    if (!book_.pop(clientRoute, &e)) {
+        trace->push_back("   answer of route " + std::to_string(clientRoute) +
+                         " matches no waiting request; dropped");
+        return;
+    }
+    Delivery d;
+    if (!BuildAnswer(e.form, e.header.data(), text + p::kHeaderLen, len - p::kHeaderLen, &d.text)) {
+        trace->push_back("   answer too long; dropped");
+        return;
+    }
+    PlatHeader asker;
+    DecodeHeader(e.header.data(), p::kHeaderLen, &asker);
+    d.type = asker.pid;
+    d.fifoKind = comp::kFifoPidNotify;
+    d.fifoName = std::to_string(asker.pid);
+    send(d, "answer to route " + std::to_string(from.id) + " fd " + std::to_string(asker.sock), trace);
+}
+
+bool Router::pickInstance(int route, int* instance) {
+    std::vector<int> all = RouteInstances(runDir_, route);
+    if (all.empty()) return false;
+    unsigned& next = nextInstance_[route];
+    *instance = all[next % all.size()];
+    ++next;
+    return true;
+}
+
+void Router::send(const Delivery& d, const std::string& what, std::vector<std::string>* trace) {
+    std::string why;
+    if (Deliver(fromTranp_, d, &why))
+        trace->push_back("-> queue 8 type " + std::to_string(d.type) + ", rang " + d.fifoText() + " (" + what + ")");
+    else
+        trace->push_back("   " + what + " not delivered: " + why);
+}
+
+void Router::expire(int64_t nowMs, std::vector<std::string>* trace) {
+    int n = book_.expire(nowMs, static_cast<int64_t>(cfg_.relayTimeoutSec) * 1000);
+    if (n > 0)
+        trace->push_back("   forgot " + std::to_string(n) + " relayed request(s) older than " +
+                         std::to_string(cfg_.relayTimeoutSec) + " s");
+}
+
+namespace {
+std::atomic<bool> g_routerStop{false};
+extern "C" void OnRouterSignal(int) { g_routerStop = true; }
+}  // namespace
+
+int RunRouter(const std::string& runDir) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    DirectLogs(runDir, "tranp");
+    RunDirScope scope(runDir);
+    Resources res;
+    KitConfig cfg;
+    std::string why;
+    if (!ReadResources(runDir, &res, &why) || !LoadKitConfig(runDir, &cfg, &why)) {
+        std::fprintf(stderr, "compkit tranp: %s\n", why.c_str());
+        return 1;
+    }
+    const int q7 = QueueIdByIndex(res, comp::kQueueToTranp);
+    const int q8 = QueueIdByIndex(res, comp::kQueueFromTranp);
+    if (q7 < 0 || q8 < 0) {
+        std::fprintf(stderr, "compkit tranp: queues 7 and 8 do not exist; run compkit up %s first\n", runDir.c_str());
+        return 1;
+    }
+    struct sigaction sa {};
+    sa.sa_handler = OnRouterSignal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+
+    Router router(runDir, cfg, q7, q8);
+    std::printf("%s tranp: routing queue 7 to queue 8 for %zu routes\n", ClockText().c_str(), cfg.routes.size());
+    auto buf = std::make_unique<QueueMsg>();
+    int64_t lastExpire = NowMs();
+    std::vector<std::string> trace;
+    while (!g_routerStop) {
+        int n = ReadQueue(q7, 0, buf.get(), 200);
+        if (n < 0) {
+            std::printf("%s tranp: queue 7 cannot be read any more; stopping\n", ClockText().c_str());
+            return 1;
+        }
+        trace.clear();
+        if (n > 0) router.handle(buf->caText, n, &trace);
+        if (NowMs() - lastExpire >= 1000) {
+            router.expire(NowMs(), &trace);
+            lastExpire = NowMs();
+        }
+        for (const std::string& l : trace) std::printf("%s tranp: %s\n", ClockText().c_str(), l.c_str());
+    }
+    std::printf("%s tranp: stopped\n", ClockText().c_str());
+    return 0;
+}
+
+}  // namespace kit
