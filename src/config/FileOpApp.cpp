@@ -22,6 +22,7 @@
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/FdUtil.h"
 #include "util/StrTools.h"
 
 namespace {
@@ -38,23 +39,6 @@ constexpr char kWordSpace[] = " \t\r\n\v\f";
 
 static_assert(sizeof(AppCfgEntry::caName) == 64 && sizeof(AppCfgEntry::caValue) == 80);
 static_assert(sizeof(AppCfgLine::caLine) == 80);
-
-// Owns a descriptor; closing it also drops any lockf lock taken through it.
-class UniqueFd {
-public:
-    explicit UniqueFd(int iFd = -1) noexcept : fd_(iFd) {}
-    ~UniqueFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    UniqueFd& operator=(UniqueFd&&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct FileCloser {
     void operator()(FILE* fp) const { std::fclose(fp); }
@@ -82,10 +66,10 @@ bool EtcPath(char* pcOut, const char* pcName) {
 // between an operator's edits or the process short of descriptors; the
 // caller has nothing better to do than wait.
 template <typename Report>
-UniqueFd OpenForever(const char* pcPath, int iFlags, mode_t mode, Report report) {
+comp::UniqueFd OpenForever(const char* pcPath, int iFlags, mode_t mode, Report report) {
     for (;;) {
         int iFd = open(pcPath, iFlags, mode);
-        if (iFd >= 0) return UniqueFd(iFd);
+        if (iFd >= 0) return comp::UniqueFd(iFd);
         report(errno);
         appSleep(0, kRetryMs);
     }
@@ -101,8 +85,8 @@ void LockForever(int iFd, Report report) {
     }
 }
 
-UniqueFd OpenAppCfgLocked(const char* pcPath, bool bNewline) {
-    UniqueFd fd = OpenForever(pcPath, O_RDWR, 0777, [bNewline](int e) {
+comp::UniqueFd OpenAppCfgLocked(const char* pcPath, bool bNewline) {
+    comp::UniqueFd fd = OpenForever(pcPath, O_RDWR, 0777, [bNewline](int e) {
         wlog(bNewline ? "open error[%d,%s]\n" : "open error[%d,%s]", e, strerror(e));
     });
     LockForever(fd.get(), [bNewline](int e) {
@@ -232,7 +216,7 @@ bool RewriteLines(int iFd, const KeptLines& kept) {
 
 // Puts the backup back after a failed rewrite.
 void RestoreFromBackup(int iAppFd, const char* pcBakPath) {
-    UniqueFd bak = OpenForever(pcBakPath, O_RDONLY, 0, [pcBakPath](int e) {
+    comp::UniqueFd bak = OpenForever(pcBakPath, O_RDONLY, 0, [pcBakPath](int e) {
         wlog("open %s  error[%s]", pcBakPath, strerror(e));
     });
     if (ftruncate(iAppFd, 0) != 0 || lseek(iAppFd, 0, SEEK_SET) != 0 || filefdcopy(bak.get(), iAppFd) != 0)
@@ -288,7 +272,7 @@ int SysGetValueByTagKey(const char* pcTag, const char* pcName, char* pcValue) {
     }
     char caPath[kPathLen];
     if (!EtcPath(caPath, "app.cfg")) return -1;
-    UniqueFd fd = OpenAppCfgLocked(caPath, false);
+    comp::UniqueFd fd = OpenAppCfgLocked(caPath, false);
 
     const std::string_view tag(pcTag);
     bool bBegun = false;
@@ -335,7 +319,7 @@ int SysGetAppVarByIndex(int iIndex, char* pcName, char* pcValue) {
     }
     char caPath[kPathLen];
     if (!EtcPath(caPath, "app.cfg")) return -1;
-    UniqueFd fd = OpenAppCfgLocked(caPath, true);
+    comp::UniqueFd fd = OpenAppCfgLocked(caPath, true);
 
     bool bInPart = false;
     int iEntry = 0;
@@ -375,11 +359,11 @@ int SysChgAppVar(const char* pcName, const char* pcValue) {
     char caBakPath[kPathLen];
     if (!EtcPath(caPath, "app.cfg") || !EtcPath(caBakPath, ".app.cfg.old")) return -1;
 
-    UniqueFd app = OpenForever(caPath, O_RDWR, 0, [&caPath](int e) { wlog("open %s  error[%s]", caPath, strerror(e)); });
+    comp::UniqueFd app = OpenForever(caPath, O_RDWR, 0, [&caPath](int e) { wlog("open %s  error[%s]", caPath, strerror(e)); });
     LockForever(app.get(), [](int e) { wlog("lockf error[%s]", strerror(e)); });
 
     {
-        UniqueFd bak = OpenForever(caBakPath, O_RDWR | O_CREAT | O_TRUNC, 0777,
+        comp::UniqueFd bak = OpenForever(caBakPath, O_RDWR | O_CREAT | O_TRUNC, 0777,
                                    [&caBakPath](int e) { wlog("open %s  error[%s]", caBakPath, strerror(e)); });
         if (filefdcopy(app.get(), bak.get()) != 0) {
             wlog("filefdcopy error[%s]", strerror(errno));
@@ -417,12 +401,12 @@ int filefdcopy(int iSrcFd, int iDstFd) {
 
 int filecopy(const char* pcSrc, const char* pcDst) {
     if (pcSrc == nullptr || pcDst == nullptr) return -1;
-    UniqueFd src(open(pcSrc, O_RDONLY));
+    comp::UniqueFd src(open(pcSrc, O_RDONLY));
     if (src.get() < 0) {
         COMP_ERRLOG("Open %s Error:%s", pcSrc, strerror(errno));
         return -1;
     }
-    UniqueFd dst(open(pcDst, O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    comp::UniqueFd dst(open(pcDst, O_WRONLY | O_CREAT | O_TRUNC, 0600));
     if (dst.get() < 0) {
         COMP_ERRLOG("Open %s Error:%s", pcDst, strerror(errno));
         return -1;

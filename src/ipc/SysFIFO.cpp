@@ -18,6 +18,7 @@
 #include "comp/SysGlobals.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/FdUtil.h"
 
 namespace {
 
@@ -27,26 +28,6 @@ constexpr mode_t kFifoMode = 0644;
 constexpr int kOpenFlags = O_RDWR | O_NONBLOCK;
 constexpr char kWakeByte = '0';
 
-// A descriptor that is closed unless handed over with Release().
-class UniqueFd {
-public:
-    explicit UniqueFd(int iFd) : iFd_(iFd) {}
-    ~UniqueFd() {
-        if (iFd_ >= 0) close(iFd_);
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    int Get() const { return iFd_; }
-    int Release() {
-        const int iFd = iFd_;
-        iFd_ = -1;
-        return iFd;
-    }
-
-private:
-    int iFd_;
-};
-
 class DirHandle {
 public:
     explicit DirHandle(DIR* pDir) : pDir_(pDir) {}
@@ -55,7 +36,7 @@ public:
     }
     DirHandle(const DirHandle&) = delete;
     DirHandle& operator=(const DirHandle&) = delete;
-    DIR* Get() const { return pDir_; }
+    DIR* get() const { return pDir_; }
 
 private:
     DIR* pDir_;
@@ -149,13 +130,13 @@ int iOpenFIFO(const char* pcName, int iKind) {
     }
     // Something else standing at the path (a regular file opens too) is
     // refused and its descriptor closed again.
-    UniqueFd fd(iFd);
+    comp::UniqueFd fd(iFd);
     struct stat st {};
-    if (fstat(fd.Get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    if (fstat(fd.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         writelog(LOG_ERROR, nullptr, 0, "%s FIFO", caPath);
         return -1;
     }
-    return fd.Release();
+    return fd.release();
 }
 
 int iConnectFIFO(const char* pcName, int iKind) {
@@ -271,11 +252,11 @@ int SysCleanIpcFiles(void) {
     char caDir[kPathLen];
     if (!FifoDirPath(caDir)) return -1;
     DirHandle dir(opendir(caDir));
-    if (dir.Get() == nullptr) {
+    if (dir.get() == nullptr) {
         COMP_ERRLOG("[%s][%d]opendir error", SRC_NAME, __LINE__);
         return -1;
     }
-    while (const dirent* pstEntry = readdir(dir.Get())) {
+    while (const dirent* pstEntry = readdir(dir.get())) {
         if (pstEntry->d_name[0] == '.') continue;
         char caPath[kPathLen];
         const int iLen = std::snprintf(caPath, sizeof caPath, "%s/%s", caDir, pstEntry->d_name);

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "log/LogFormat.h"
+#include "util/FdUtil.h"
 
 namespace {
 
@@ -25,33 +26,6 @@ constexpr int kLockReportAfter = 10;
 constexpr int kCallPathPerLine = 6;
 
 LogSettings& Settings() { return g_stProcState.stLog; }
-
-class FileFd {
-public:
-    explicit FileFd(int fd) : fd_(fd) {}
-    ~FileFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    FileFd(const FileFd&) = delete;
-    FileFd& operator=(const FileFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-bool WriteAll(int fd, const std::string& s) {
-    size_t done = 0;
-    while (done < s.size()) {
-        ssize_t n = write(fd, s.data() + done, s.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
 
 // The full record: pid, time, message, call path, dump.
 void AppendRecord(std::string& out, const char* pcMsg, const void* pvDump, int iDumpLen) {
@@ -99,7 +73,7 @@ void WriteToErrorFile(const std::string& body) {
         }
         sleep(1);
     }
-    FileFd file(fd);
+    comp::UniqueFd file(fd);
     int lockFailures = 0;
     while (lockf(fd, F_LOCK, 0) != 0) {
         if (++lockFailures >= kLockReportAfter) {
@@ -110,7 +84,7 @@ void WriteToErrorFile(const std::string& body) {
     }
     off_t sizeBefore = lseek(fd, 0, SEEK_END);
     if (sizeBefore < 0) std::printf("errlog: %s CANNOT JUMP TO END OF FILE !!!\n", name.c_str());
-    WriteAll(fd, body);
+    comp::WriteAll(fd, body.data(), body.size());
 
     // The size seen before this append decides, so only the process that
     // finds the file at or past the limit moves it aside.
@@ -135,8 +109,8 @@ void WriteToTty(const std::string& body) {
         std::printf("TTY %s CANNOT OPEN FOR ERROR LOG !!!\n", tty ? tty : "");
         return;
     }
-    FileFd file(fd);
-    WriteAll(fd, body);
+    comp::UniqueFd file(fd);
+    comp::WriteAll(fd, body.data(), body.size());
 }
 
 void WriteToConsole(const std::string& body) {
@@ -146,8 +120,8 @@ void WriteToConsole(const std::string& body) {
         std::printf("CONSOLE %s CANNOT OPEN FOR ERROR LOG !!!\n", "/dev/console");
         return;
     }
-    FileFd file(fd);
-    WriteAll(fd, body);
+    comp::UniqueFd file(fd);
+    comp::WriteAll(fd, body.data(), body.size());
 }
 
 int AppendToRunLog(const char* pcFile, const char* pcText) {
@@ -156,11 +130,11 @@ int AppendToRunLog(const char* pcFile, const char* pcText) {
     std::snprintf(path, sizeof path, "%s/log/%s", run ? run : "", pcFile);
     int fd = open(path, O_WRONLY | O_APPEND | O_CREAT, 0666);
     if (fd < 0) return -1;
-    FileFd file(fd);
+    comp::UniqueFd file(fd);
     if (lseek(fd, 0, SEEK_END) < 0) return -1;
     std::string out = "\n[System Time:" + comp::log::TimeStamp14() + "]\n";
     out += pcText ? pcText : "";
-    return WriteAll(fd, out) ? 0 : -1;
+    return comp::WriteAll(fd, out.data(), out.size()) ? 0 : -1;
 }
 
 struct SignalText {
@@ -204,13 +178,13 @@ int ERRLOG(const char* pcCode, const char* pcMsg, char cDest, const void* pvDump
 int DispErrMsg(int iFd, const char* pcMsg, const void* pvDump, int iDumpLen) {
     std::string out;
     AppendRecord(out, pcMsg, pvDump, iDumpLen);
-    return WriteAll(iFd, out) ? 0 : -1;
+    return comp::WriteAll(iFd, out.data(), out.size()) ? 0 : -1;
 }
 
 int MemDump(int iFd, const void* pvAddr, int iLen) {
     std::string out;
     comp::log::AppendHexDump(out, pvAddr, iLen);
-    return WriteAll(iFd, out) ? 0 : -1;
+    return comp::WriteAll(iFd, out.data(), out.size()) ? 0 : -1;
 }
 
 int WriteWarnning(const char* pcText) { return AppendToRunLog("warnning.log", pcText); }

@@ -21,6 +21,7 @@
 #include "config/FileOpApp.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
+#include "util/FdUtil.h"
 
 namespace {
 
@@ -54,35 +55,6 @@ std::string TodayFile() {
     char date[16];
     std::snprintf(date, sizeof date, "%04d%02d%02d", tmNow.tm_year + 1900, tmNow.tm_mon + 1, tmNow.tm_mday);
     return std::string(Settings().caTraceBase) + "_" + date + ".log";
-}
-
-// One descriptor, closed on every path (closing also drops the lock).
-class LogFd {
-public:
-    explicit LogFd(int fd) : fd_(fd) {}
-    ~LogFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    LogFd(const LogFd&) = delete;
-    LogFd& operator=(const LogFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// Writes the whole buffer, going on after partial writes and interruptions.
-bool WriteAll(int fd, const std::string& s) {
-    size_t done = 0;
-    while (done < s.size()) {
-        ssize_t n = write(fd, s.data() + done, s.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // "Pid:..|level|Time:..\nMSG:text\n", the dump, "\n".
@@ -168,13 +140,13 @@ int logGetTimeNew(char* pcBuf) {
 int logMemDump(int iFd, const void* pvData, int iLen) {
     std::string out;
     comp::log::AppendHexDump(out, pvData, iLen);
-    return WriteAll(iFd, out) ? 0 : -1;
+    return comp::WriteAll(iFd, out.data(), out.size()) ? 0 : -1;
 }
 
 int logDispErrMsg(int iFd, int iLevel, const char* pcText, const void* pvData, int iLen) {
     std::string out;
     AppendEntry(out, iLevel, pcText, pvData, iLen);
-    return WriteAll(iFd, out) ? 0 : -1;
+    return comp::WriteAll(iFd, out.data(), out.size()) ? 0 : -1;
 }
 
 int SysWriteLog(int iLevel, const char* pcPath, const void* pvData, int iLen, const char* pcText) {
@@ -190,7 +162,7 @@ int SysWriteLog(int iLevel, const char* pcPath, const void* pvData, int iLen, co
         }
         usleep(100);
     }
-    LogFd file(fd);
+    comp::UniqueFd file(fd);
     while (lockf(fd, F_LOCK, 0) != 0) {
         if (++failures >= kOpenAttempts) PrintFatal(__LINE__);
         usleep(100);
@@ -204,7 +176,7 @@ int SysWriteLog(int iLevel, const char* pcPath, const void* pvData, int iLen, co
     // never sees half an entry even without taking the lock.
     std::string entry = LevelPrefix(iLevel);
     AppendEntry(entry, iLevel, pcText, pvData, iLen);
-    WriteAll(fd, entry);
+    comp::WriteAll(fd, entry.data(), entry.size());
 
     if (sizeBefore >= Settings().lTraceSizeLimit) {
         std::string bak = std::string(pcPath) + comp::log::TimeStamp14() + ".bak";

@@ -17,6 +17,7 @@
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/FdUtil.h"
 
 namespace {
 
@@ -32,27 +33,6 @@ static_assert(kIpTextLen >= INET_ADDRSTRLEN);
 
 // Peer address of the last iSockAccept, kept until the next one.
 sockaddr_in g_stAcceptPeer{};
-
-// A socket descriptor that is closed unless released to the caller.
-class SocketOwner {
-public:
-    explicit SocketOwner(int iFd) : iFd_(iFd) {}
-    ~SocketOwner() {
-        if (iFd_ >= 0) close(iFd_);
-    }
-    SocketOwner(const SocketOwner&) = delete;
-    SocketOwner& operator=(const SocketOwner&) = delete;
-
-    int get() const { return iFd_; }
-    int release() {
-        int iFd = iFd_;
-        iFd_ = -1;
-        return iFd;
-    }
-
-private:
-    int iFd_;
-};
 
 // Fills an IPv4 address; false (errno EINVAL) when the text is not one.
 bool MakeAddr(const char* pcIp, int iPort, sockaddr_in* pstAddr) {
@@ -84,7 +64,7 @@ int ListenBacklog() {
 extern "C" {
 
 int iSockBind(const char* pcIp, int iPort) {
-    SocketOwner sock(socket(AF_INET, SOCK_STREAM, 0));
+    comp::UniqueFd sock(socket(AF_INET, SOCK_STREAM, 0));
     if (sock.get() < 0) {
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]socket() error", SRC_NAME, __LINE__);
         return -1;
@@ -152,7 +132,7 @@ int iGetPeer(int iSock, char* pcIp, int* piPort) {
 }
 
 int iSockConnect(const char* pcIp, int iPort) {
-    SocketOwner sock(socket(AF_INET, SOCK_STREAM, 0));
+    comp::UniqueFd sock(socket(AF_INET, SOCK_STREAM, 0));
     if (sock.get() < 0) {
         int iErr = errno;
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]%s socket() error,errno=%d, errmsg[%s]", SRC_NAME, __LINE__,

@@ -19,11 +19,6 @@
 
 namespace kit {
 
-void UniqueFd::reset(int fd) {
-    if (fd_ >= 0) close(fd_);
-    fd_ = fd;
-}
-
 RunDirScope::RunDirScope(const std::string& runDir) {
     if (const char* v = std::getenv("RUNDIR")) {
         hadOld_ = true;
