@@ -6,49 +6,20 @@
 #include <stdexcept>
 
 #include "TestEnv.h"
+#include "kit/TableRecordLayout.h"
 
 namespace comptest {
 
 namespace {
-
-constexpr int kRouteColumns = 28;
-constexpr int kRouteFieldLen = 32;
-constexpr int kNameLen = sizeof(TableRecord::caTableName);
-constexpr int kValueArea = sizeof(TableRecord::caValues);
-constexpr int kMaxFields = sizeof(TableRecord::iaFieldLen) / sizeof(int32_t);
-
-void PutName(char* pcField, const std::string& name) {
-    if (name.size() >= static_cast<std::size_t>(kNameLen)) throw std::invalid_argument("name too long: " + name);
-    std::memcpy(pcField, name.c_str(), name.size() + 1);
-}
-
+constexpr int kRouteColumns = comp::kRouteFields;
 }  // namespace
 
 TableImage& TableImage::append(const std::string& table, const std::vector<std::string>& columns,
                                const std::vector<std::string>& values) {
-    if (columns.size() != values.size() || columns.size() > static_cast<std::size_t>(kMaxFields))
-        throw std::invalid_argument("bad column list for " + table);
-    TableRecord rec{};
-    PutName(rec.caTableName, table);
-    rec.iFieldCount = static_cast<int32_t>(columns.size());
-    const bool bRoute = table == "PLAT_STATICROUTEINF";
-    int iOff = 0;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        const std::string& value = values[i];
-        if (bRoute) {
-            iOff = static_cast<int>(i) * kRouteFieldLen;
-            if (value.size() >= static_cast<std::size_t>(kRouteFieldLen))
-                throw std::invalid_argument("route value too long: " + value);
-        }
-        if (iOff + static_cast<int>(value.size()) + 1 > kValueArea)
-            throw std::invalid_argument("row does not fit the value area: " + table);
-        PutName(rec.caFieldNames[i], columns[i]);
-        std::memcpy(rec.caValues + iOff, value.c_str(), value.size() + 1);
-        rec.iaFieldOffset[i] = iOff;
-        rec.iaFieldLen[i] = static_cast<int32_t>(value.size());
-        iOff += static_cast<int>(value.size()) + 1;
-    }
-    rec.iRowLen = bRoute ? kRouteColumns * kRouteFieldLen : iOff;
+    TableRecord rec;
+    std::string why;
+    const auto layout = table == "PLAT_STATICROUTEINF" ? kit::RowLayout::kColumns32 : kit::RowLayout::kPacked;
+    if (!kit::FillTableRecord(&rec, table, columns, values, layout, &why)) throw std::invalid_argument(why);
     records_.push_back(rec);
     return *this;
 }

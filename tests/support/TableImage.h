@@ -18,7 +18,8 @@ class TableImage {
 public:
     // Appends one row. Rows of PLAT_STATICROUTEINF are laid out as a
     // RouteRecord (column i's value at 32 * i, 896-byte row image); the values
-    // of other tables are packed one after the other, each NUL-terminated.
+    // of other tables are packed one after the other, each NUL-terminated, so
+    // that tests can reach the ends of the value area.
     // Throws std::invalid_argument when the row does not fit a TableRecord.
     TableImage& append(const std::string& table, const std::vector<std::string>& columns,
                        const std::vector<std::string>& values);

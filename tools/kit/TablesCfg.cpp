@@ -1,5 +1,7 @@
 #include "kit/TablesCfg.h"
 
+#include "kit/TableRecordLayout.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -164,17 +166,8 @@ std::vector<TableRecord> BuildTableImage(const std::vector<KitTable>& tables) {
     for (const KitTable& t : tables) {
         for (const auto& row : t.rows) {
             TableRecord rec;
-            std::memset(&rec, 0, sizeof rec);
-            rec.iFieldCount = static_cast<int32_t>(t.columns.size());
-            std::snprintf(rec.caTableName, sizeof rec.caTableName, "%s", t.name.c_str());
-            rec.iRowLen = static_cast<int32_t>(t.columns.size()) * kColumnWidth;
-            for (size_t i = 0; i < t.columns.size(); ++i) {
-                const int off = static_cast<int>(i) * kColumnWidth;
-                std::snprintf(rec.caFieldNames[i], sizeof rec.caFieldNames[i], "%s", t.columns[i].c_str());
-                std::snprintf(rec.caValues + off, kColumnWidth, "%s", row[i].c_str());
-                rec.iaFieldOffset[i] = off;
-                rec.iaFieldLen[i] = static_cast<int32_t>(row[i].size());
-            }
+            // The rows were checked when tables.cfg was read, so they fit.
+            FillTableRecord(&rec, t.name, t.columns, row, RowLayout::kColumns32, nullptr);
             image.push_back(rec);
         }
     }
