@@ -4,8 +4,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 
+#include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
 
@@ -99,6 +101,21 @@ int ModeLoop::RunOnce() {
     if (ops_.pfAfterPass) ops_.pfAfterPass();
     iSetSignalMask(&old);
     return 0;
+}
+
+ControlCmd ReadControlCmd(int iCtlFd, bool bAcceptAllowed, const char* pcReadFailFmt) {
+    char cmd[8] = {0};
+    if (iReadFIFO2Buf(iCtlFd, cmd) != 0) {
+        std::snprintf(g_caMsg, sizeof g_caMsg, pcReadFailFmt, SRC_NAME, __LINE__, errno);
+        ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+        return ControlCmd::kQuit;
+    }
+    if (cmd[0] == '0' && bAcceptAllowed) return ControlCmd::kAccept;
+    if (cmd[0] == 'x')
+        COMP_ERRLOG("[%s,%d]recv quit cmd", SRC_NAME, __LINE__);
+    else
+        COMP_ERRLOG("[%s,%d]bad branch", SRC_NAME, __LINE__);
+    return ControlCmd::kQuit;
 }
 
 int ModeLoop::Run() {

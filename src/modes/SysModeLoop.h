@@ -41,6 +41,12 @@ struct LoopSpec {
     bool bLogEintr = true;     // "[%s,%d]EINTR , continue" on an interrupted wait
 };
 
+// A command read from a mode's control FIFO. "x" is quit; "0" asks a
+// shared-listener mode to accept one connection; any other byte, or a failed
+// read, ends the process too. The log line of each case is written here.
+enum class ControlCmd { kQuit, kAccept };
+ControlCmd ReadControlCmd(int iCtlFd, bool bAcceptAllowed, const char* pcReadFailFmt = "[%s,%d]iReadFIFO error,fatal error[%d]");
+
 class ModeLoop {
 public:
     ModeLoop(const LoopSpec& stSpec, const LoopOps& stOps);

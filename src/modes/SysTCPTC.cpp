@@ -102,14 +102,9 @@ void TcReady(int fd) {
         TcAnswer(fd);
 }
 
+// Every command ends a TC process, "0" included.
 void TcControl() {
-    char cmd[8] = {0};
-    if (iReadFIFO2Buf(g_tc->ctlFd, cmd) != 0)
-        COMP_ERRLOG("[%s,%d]iReadFIFO2Buf error,fatal error[%d]", SRC_NAME, __LINE__, errno);
-    else if (cmd[0] == 'x')
-        COMP_ERRLOG("[%s,%d]recv quit cmd", SRC_NAME, __LINE__);
-    else
-        COMP_ERRLOG("[%s,%d]bad branch", SRC_NAME, __LINE__);
+    comp::ReadControlCmd(g_tc->ctlFd, false, "[%s,%d]iReadFIFO2Buf error,fatal error[%d]");
     SysComQuit();
 }
 

@@ -144,13 +144,7 @@ void TsReady(int fd) {
 }
 
 void TsControl() {
-    char cmd[8] = {0};
-    if (iReadFIFO2Buf(g_ts->ctlFd, cmd) != 0)
-        COMP_ERRLOG("[%s,%d]iReadFIFO error,fatal error[%d]", SRC_NAME, __LINE__, errno);
-    else if (cmd[0] == 'x')
-        COMP_ERRLOG("[%s,%d]recv quit cmd", SRC_NAME, __LINE__);
-    else
-        COMP_ERRLOG("[%s,%d]bad branch", SRC_NAME, __LINE__);
+    comp::ReadControlCmd(g_ts->ctlFd, false);
     TsQuit();
 }
 
