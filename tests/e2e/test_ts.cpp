@@ -192,6 +192,27 @@ TEST_F(TsTest, answer_for_a_descriptor_reused_by_another_address_is_dropped) {
     EXPECT_EQ(other.readUntilClose(3000), Frame("for second"));
 }
 
+TEST_F(TsTest, client_resetting_before_its_answer_costs_only_that_answer) {
+    StartTs();
+    std::string h, b;
+    {
+        e2e::Sock s = e2e::Connect(port);
+        // A small receive window and a large answer: the send cannot finish.
+        int small = 1024;
+        setsockopt(s.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        ASSERT_TRUE(s.send(Frame("big")));
+        ASSERT_TRUE(NextRequest(&h, &b));
+        Answer(h, Frame(std::string(60000, 'a')));
+        linger hard{1, 0};
+        setsockopt(s.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    }  // closed with a reset
+    usleep(300 * 1000);
+    std::string logs = AllLogs();
+    EXPECT_TRUE(logs.find("iSockSend error") != std::string::npos || logs.find("is offline") != std::string::npos)
+        << logs;
+    ExpectExchange("127.0.0.1", "after");
+}
+
 TEST_F(TsTest, bad_frames_close_only_their_connection) {
     StartTs({{"MSGLENADJUST", "-10"}});  // "0005" becomes -5: not a length
     e2e::Sock waiting = e2e::Connect(port);
