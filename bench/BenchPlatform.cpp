@@ -1,0 +1,218 @@
+#include "BenchPlatform.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "comp/SysTypes.h"
+#include "kit/KitIpc.h"
+#include "kit/KitUtil.h"
+
+namespace bench {
+
+namespace {
+
+// Keys 0x42PPPPnn: "B" for bench, 16 bits of the pid, the object's number.
+constexpr unsigned kKeyPrefix = 0x42000000u;
+constexpr int kKeyAttempts = 16;
+constexpr int kQueueIndices[] = {comp::kQueueCommonp,    comp::kQueueToTranp,   comp::kQueueFromTranp,
+                                 comp::kQueuePasRequest, comp::kQueuePasAnswer, comp::kQueueDrain};
+constexpr int kSemOffset = 0x40;
+constexpr int kRegistryOffset = 0x41;
+constexpr int kTablesOffset = 0x42;
+constexpr int kTablesBytes = 1048576;
+constexpr int kTraceSizeKiB = 20480;
+
+key_t KeyBase(int attempt) {
+    unsigned spread = (static_cast<unsigned>(getpid()) + static_cast<unsigned>(attempt) * 7919u) & 0xFFFFu;
+    return static_cast<key_t>(kKeyPrefix | (spread << 8));
+}
+
+// True when no queue, set or segment exists under any key of this base.
+bool KeysFree(key_t base) {
+    for (int idx : kQueueIndices)
+        if (msgget(base + idx, 0) >= 0) return false;
+    return semget(base + kSemOffset, 0, 0) < 0 && shmget(base + kRegistryOffset, 0, 0) < 0 &&
+           shmget(base + kTablesOffset, 0, 0) < 0;
+}
+
+std::string SysCfgText(key_t base) {
+    std::ostringstream s;
+    // The common block is found by name anywhere in the file: no comments here.
+    s << "LOGONTIMELIMIT 30\nCOMLOGONTIMELIMIT 30\nINQUERYTIME 10\nINQUERYCOUNT 3\nSHUTDOWNTIME 10\n"
+      << "MSGQUEUECOUNT " << std::size(kQueueIndices) << "\nSEMPHORECOUNT 1\nSHAREMEMCOUNT 2\nPROCNAMECOUNT 0\n"
+      << "[QRESOURCE]\n";
+    for (int idx : kQueueIndices) s << "Q" << idx << " " << idx << " " << (base + idx) << "\n";
+    s << "[SEMRESOURCE]\nREGLOCK 1 " << (base + kSemOffset) << " 10\n"
+      << "[SHMRESOURCE]\nREGISTRY 1 " << (base + kRegistryOffset) << " " << comp::kRegistrySegmentMin << "\n"
+      << "TABLES 2 " << (base + kTablesOffset) << " " << kTablesBytes << "\n[PROCESS]\n";
+    return s.str();
+}
+
+std::string RouteLine(int route, const char* name, const char* sndType, int port) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%d 1 %s %s 30 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d\n", route, name,
+                  sndType, port);
+    return line;
+}
+
+std::string TablesCfgText(const BenchRoutes& r) {
+    std::string s =
+        "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
+        "[PLAT_STATICROUTEINF]\n"
+        "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
+        "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
+        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT\n";
+    s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
+    s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
+    s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    return s;
+}
+
+std::string KitCfgText(const BenchRoutes& r) {
+    return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
+           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
+}
+
+std::string AppCfgText(int logLevel) {
+    return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+}
+
+}  // namespace
+
+int FreeLoopbackPort() {
+    kit::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sa;
+    if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+        return -1;
+    return ntohs(sa.sin_port);
+}
+
+bool WriteTextFile(const std::string& path, const std::string& text, std::string* why) {
+    std::ofstream out(path, std::ios::trunc);
+    out << text;
+    out.flush();
+    if (out) return true;
+    *why = path + ": cannot be written";
+    return false;
+}
+
+BenchPlatform::~BenchPlatform() { Destroy(); }
+
+bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
+    return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+}
+
+bool BenchPlatform::Create(int logLevel, std::string* why) {
+    // FIFO paths are limited to 128 bytes: keep the directory short.
+    char tmpl[] = "/tmp/compbench.XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) {
+        *why = std::string("mkdtemp: ") + std::strerror(errno);
+        return false;
+    }
+    runDir_ = tmpl;
+    for (const char* sub : {"etc", "log", "fifo", "runs", "runs/bin", "runs/log"})
+        mkdir((runDir_ + "/" + sub).c_str(), 0755);
+
+    if (const char* v = std::getenv("RUNDIR")) hadRunDir_ = true, oldRunDir_ = v;
+    if (const char* v = std::getenv("HOME")) hadHome_ = true, oldHome_ = v;
+    setenv("RUNDIR", runDir_.c_str(), 1);
+    setenv("HOME", runDir_.c_str(), 1);
+    envSet_ = true;
+    kit::DirectLogs(runDir_, "bench");
+
+    routes_.tsPort = FreeLoopbackPort();
+    routes_.basePort = FreeLoopbackPort();
+    routes_.tcServerPort = FreeLoopbackPort();
+    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 ||
+        routes_.tsPort == routes_.basePort) {
+        *why = "no free loopback ports";
+        Destroy();
+        return false;
+    }
+    for (int attempt = 0; attempt < kKeyAttempts && !up_; ++attempt) {
+        keyBase_ = KeyBase(attempt);
+        if (!KeysFree(keyBase_)) continue;
+        if (!WriteConfig(logLevel, why)) break;
+        std::vector<std::string> notes;
+        up_ = kit::PlatformUp(runDir_, &notes, why);
+        if (up_) {
+            for (const std::string& n : notes)
+                if (n.rfind("up:", 0) != 0 && n.rfind("note:", 0) != 0) std::fprintf(stderr, "bench: %s\n", n.c_str());
+        }
+    }
+    if (!up_) {
+        if (why->empty()) *why = "no free System V keys found";
+        Destroy();
+        return false;
+    }
+    return true;
+}
+
+void BenchPlatform::Destroy() {
+    if (up_) {
+        std::vector<std::string> notes;
+        std::string why;
+        if (!kit::PlatformDown(runDir_, &notes, &why)) std::fprintf(stderr, "bench: platform down: %s\n", why.c_str());
+        up_ = false;
+    }
+    if (!runDir_.empty()) {
+        std::error_code ec;
+        if (!keepDir_) std::filesystem::remove_all(runDir_, ec);
+        runDir_.clear();
+    }
+    if (envSet_) {
+        if (hadRunDir_) setenv("RUNDIR", oldRunDir_.c_str(), 1); else unsetenv("RUNDIR");
+        if (hadHome_) setenv("HOME", oldHome_.c_str(), 1); else unsetenv("HOME");
+        envSet_ = false;
+    }
+}
+
+bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+}
+
+void BenchPlatform::TrimLogs() const {
+    // Error logs stay: the report looks into them.
+    for (const char* sub : {"/log", "/runs/log"}) {
+        const std::string dir = runDir_ + sub;
+        const bool connLogs = std::strcmp(sub, "/runs/log") == 0;
+        DIR* d = opendir(dir.c_str());
+        if (d == nullptr) continue;
+        while (dirent* e = readdir(d)) {
+            std::string name = e->d_name;
+            const std::string path = dir + "/" + name;
+            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".bak") == 0)
+                unlink(path.c_str());
+            else if (connLogs && name.rfind("com_", 0) == 0 && truncate(path.c_str(), 0) != 0)
+                std::fprintf(stderr, "bench: cannot empty %s\n", path.c_str());
+        }
+        closedir(d);
+    }
+}
+
+}  // namespace bench

@@ -1,0 +1,47 @@
+// The load generator of the TS benchmark: N client threads, each looping
+// connect -> send one framed request -> read the whole answer -> close for a
+// fixed time, recording the latency of every exchange.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bench {
+
+struct LoadOptions {
+    int port = 0;                 // on 127.0.0.1
+    int clients = 1;
+    double seconds = 1.0;         // no exchange starts after this
+    std::string request;          // one framed request; the answer must equal it
+    int headerLen = 4;            // decimal-digit length header of the answer
+    int ioTimeoutMs = 2000;       // connect, send and receive time-out
+};
+
+struct LoadResult {
+    uint64_t exchanges = 0;       // answered correctly
+    uint64_t failures = 0;
+    double seconds = 0;           // from the start to the end of the last exchange
+    std::vector<uint32_t> latencyUs;
+    std::string firstError;
+
+    double rate() const { return seconds > 0 ? static_cast<double>(exchanges) / seconds : 0; }
+};
+
+// Runs the clients; a set *stop ends the run early.
+LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop);
+
+// A request in the benchmark's framing: the body length in headerLen
+// decimal digits, then the body.
+std::string FrameRequest(std::string_view body, int headerLen);
+
+// The value at quantile q (0..1) by the nearest-rank rule; 0 for no values.
+// Reorders the values.
+double Quantile(std::vector<uint32_t>& values, double q);
+
+// Median of a few numbers (mean of the middle two for an even count).
+double Median(std::vector<double> values);
+
+}  // namespace bench

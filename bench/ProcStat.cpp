@@ -1,0 +1,91 @@
+#include "ProcStat.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <string>
+
+#include "kit/KitUtil.h"
+
+namespace bench {
+
+namespace {
+// After the ')' that ends the command name: state is field 3, utime field
+// 14 and stime field 15 of the whole line.
+constexpr int kUtimeAfterName = 14 - 3;
+}  // namespace
+
+std::optional<uint64_t> ParseStatTicks(std::string_view text) {
+    size_t close = text.rfind(')');
+    if (close == std::string_view::npos) return std::nullopt;
+    std::string_view rest = text.substr(close + 1);
+    uint64_t values[2] = {0, 0};
+    int field = -1;   // index of the word after the name (0 = state)
+    size_t i = 0;
+    while (i < rest.size()) {
+        while (i < rest.size() && rest[i] == ' ') ++i;
+        size_t end = i;
+        while (end < rest.size() && rest[end] != ' ' && rest[end] != '\n') ++end;
+        if (end == i) break;
+        ++field;
+        if (field == kUtimeAfterName || field == kUtimeAfterName + 1) {
+            uint64_t v = 0;
+            auto [p, ec] = std::from_chars(rest.data() + i, rest.data() + end, v);
+            if (ec != std::errc() || p != rest.data() + end) return std::nullopt;
+            values[field - kUtimeAfterName] = v;
+            if (field == kUtimeAfterName + 1) return values[0] + values[1];
+        }
+        i = end;
+    }
+    return std::nullopt;
+}
+
+std::optional<double> ProcessCpuMicros(pid_t pid) {
+    auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
+    if (!text) return std::nullopt;
+    auto ticks = ParseStatTicks(*text);
+    if (!ticks) return std::nullopt;
+    static const long hz = sysconf(_SC_CLK_TCK);
+    return static_cast<double>(*ticks) * 1e6 / static_cast<double>(hz > 0 ? hz : 100);
+}
+
+std::optional<CtxSwitches> ParseCtxSwitches(std::string_view text) {
+    auto field = [&](std::string_view name) -> std::optional<uint64_t> {
+        size_t at = text.find(name);
+        if (at == std::string_view::npos) return std::nullopt;
+        size_t i = at + name.size();
+        while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+        uint64_t v = 0;
+        auto [p, ec] = std::from_chars(text.data() + i, text.data() + text.size(), v);
+        if (ec != std::errc() || p == text.data() + i) return std::nullopt;
+        return v;
+    };
+    auto vol = field("\nvoluntary_ctxt_switches:"), invol = field("\nnonvoluntary_ctxt_switches:");
+    if (!vol || !invol) return std::nullopt;
+    return CtxSwitches{*vol, *invol};
+}
+
+std::optional<CtxSwitches> ProcessCtxSwitches(pid_t pid) {
+    auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/status");
+    if (!text) return std::nullopt;
+    return ParseCtxSwitches(*text);
+}
+
+void CpuMeter::start() {
+    startMicros_ = ProcessCpuMicros(pid_).value_or(-1);
+    startSwitches_ = ProcessCtxSwitches(pid_);
+}
+
+CtxSwitches CpuMeter::elapsedSwitches() const {
+    auto now = ProcessCtxSwitches(pid_);
+    if (!startSwitches_ || !now) return {};
+    return {now->voluntary - startSwitches_->voluntary, now->involuntary - startSwitches_->involuntary};
+}
+
+double CpuMeter::elapsedMicros() const {
+    if (startMicros_ < 0) return -1;
+    auto now = ProcessCpuMicros(pid_);
+    return now ? *now - startMicros_ : -1;
+}
+
+}  // namespace bench

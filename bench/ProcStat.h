@@ -1,0 +1,46 @@
+// CPU time of a process from /proc/<pid>/stat (user + system), for CPU per
+// exchange and the idle cost of an instance.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace bench {
+
+// utime + stime in clock ticks from the text of /proc/<pid>/stat; the
+// command name may hold blanks and parentheses, so fields are counted after
+// the last ')'. nullopt when the text does not have them.
+std::optional<uint64_t> ParseStatTicks(std::string_view statText);
+
+// CPU time used so far by a process, in microseconds; nullopt when it is gone.
+std::optional<double> ProcessCpuMicros(pid_t pid);
+
+// Context switches of a process so far (voluntary + involuntary, from
+// /proc/<pid>/status); nullopt when it is gone.
+struct CtxSwitches {
+    uint64_t voluntary = 0, involuntary = 0;
+};
+std::optional<CtxSwitches> ProcessCtxSwitches(pid_t pid);
+// The two counters in the text of /proc/<pid>/status.
+std::optional<CtxSwitches> ParseCtxSwitches(std::string_view statusText);
+
+// CPU of one process over a stretch of time.
+class CpuMeter {
+public:
+    explicit CpuMeter(pid_t pid) : pid_(pid) {}
+    void start();
+    // Microseconds of CPU since start(); negative when it could not be read.
+    double elapsedMicros() const;
+    // Context switches since start(), {0, 0} when they could not be read.
+    CtxSwitches elapsedSwitches() const;
+
+private:
+    pid_t pid_;
+    double startMicros_ = -1;
+    std::optional<CtxSwitches> startSwitches_;
+};
+
+}  // namespace bench
