@@ -16,7 +16,7 @@
 #include <string_view>
 
 #include "comp/SysGlobals.h"
-#include "config/SysRscApp.h"
+#include "config/TableLookup.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
 #include "util/SysTcpBasi.h"
@@ -65,10 +65,47 @@ uint32_t LoadBytes(const unsigned char* pucBytes, int iWidth) {
     return uiValue;
 }
 
-// One column of this route's row of the route table.
-bool RouteColumnValue(const char* pcRouteId, const char* pcColumn, char (&caValue)[kTableValueLen]) {
-    std::memset(caValue, 0, sizeof caValue);
-    return SysGetValueByTableKey(kRouteTable, pcColumn, caValue, "ROUTEID", pcRouteId, PARA_END) == 0;
+// The five columns of a route's type rule. A value is at most 1,024 bytes.
+struct TypeRule {
+    enum Column { kLen, kOff, kKind, kCharLen, kSeq, kColumns };
+    static constexpr std::string_view kNames[kColumns] = {"MSGTYPEGETLEN", "MSGTYPEGETOFFSET", "MSGTYPEGETTYPE",
+                                                          "MSGTYPECHARLEN", "SEQINTEL"};
+    char caValue[kColumns][kTableValueLen];
+    bool bFound[kColumns];
+};
+static_assert(kTableValueLen == comp::table::kValueAreaLen + 1);
+
+// Reads the type rule from the route's row of the route table, as five
+// lookups by ROUTEID would, but finds the row once and takes the five
+// columns in one walk over its fields. A column is taken from the first
+// field of its name whose value lies within the row. False when the row
+// cannot be read at all (every column is then missing).
+bool ReadTypeRule(const char* pcRouteId, TypeRule* pstRule) {
+    using namespace comp::table;
+    for (int c = 0; c < TypeRule::kColumns; ++c) {
+        pstRule->caValue[c][0] = '\0';
+        pstRule->bFound[c] = false;
+    }
+    const char* const words[] = {"ROUTEID", pcRouteId, PARA_END};
+    KeyList stKeys;
+    std::span<const TableRecord> seg;
+    if (CollectKeyList(SRC_NAME, kRouteTable, words, true, &stKeys) != 0 || !AttachedTable(SRC_NAME, &seg))
+        return false;
+    const TableRecord* pstRow = FindRow(seg, kRouteTable, stKeys);
+    if (pstRow == nullptr) return false;
+    int iMissing = TypeRule::kColumns;
+    for (int i = 0; i < pstRow->iFieldCount && iMissing > 0; ++i) {
+        std::string_view name, value;
+        if (!FieldName(*pstRow, i, &name)) continue;
+        for (int c = 0; c < TypeRule::kColumns; ++c) {
+            if (pstRule->bFound[c] || name != TypeRule::kNames[c] || !FieldValue(*pstRow, i, &value)) continue;
+            std::memcpy(pstRule->caValue[c], value.data(), value.size());
+            pstRule->caValue[c][value.size()] = '\0';
+            pstRule->bFound[c] = true;
+            --iMissing;
+        }
+    }
+    return true;
 }
 
 // The type text of a binary type field: a number of 1, 2 or 4 bytes,
@@ -211,18 +248,25 @@ int SysGetMsgTypeFromMsg(const char* pcMsg, int iMsgLen, const char* pcRouteId, 
         }
     }
 
-    char caLen[kTableValueLen], caOff[kTableValueLen], caType[kTableValueLen], caCharLen[kTableValueLen],
-        caSeq[kTableValueLen];
-    if (!RouteColumnValue(pcRouteId, "MSGTYPEGETLEN", caLen) || !RouteColumnValue(pcRouteId, "MSGTYPEGETOFFSET", caOff) ||
-        !RouteColumnValue(pcRouteId, "MSGTYPEGETTYPE", caType)) {
+    // The rule is read from the shared table on every message, so a reloaded
+    // table takes effect at once.
+    TypeRule stRule;
+    ReadTypeRule(pcRouteId, &stRule);
+    const bool* pbFound = stRule.bFound;
+    if (!pbFound[TypeRule::kLen] || !pbFound[TypeRule::kOff] || !pbFound[TypeRule::kKind]) {
         COMP_ERRLOG("[%s,%d,%s].SysGetValueByTableKey() error", SRC_NAME, __LINE__, __func__);
         return -1;
     }
-    if (!RouteColumnValue(pcRouteId, "MSGTYPECHARLEN", caCharLen)) {
+    if (!pbFound[TypeRule::kCharLen]) {
         COMP_ERRLOG("[%s,%d,%s].SysGetValueByTableKey() caMsgTypeCharLen error", SRC_NAME, __LINE__, __func__);
         return -1;
     }
-    if (!RouteColumnValue(pcRouteId, "SEQINTEL", caSeq) || (caSeq[0] != '0' && caSeq[0] != '1')) {
+    const char* caLen = stRule.caValue[TypeRule::kLen];
+    const char* caOff = stRule.caValue[TypeRule::kOff];
+    const char* caType = stRule.caValue[TypeRule::kKind];
+    const char* caCharLen = stRule.caValue[TypeRule::kCharLen];
+    const char* caSeq = stRule.caValue[TypeRule::kSeq];
+    if (!pbFound[TypeRule::kSeq] || (caSeq[0] != '0' && caSeq[0] != '1')) {
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d,%s].SysGetValueByTableKey() SeqIntel error", SRC_NAME, __LINE__,
                  __func__);
         return -1;

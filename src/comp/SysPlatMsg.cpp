@@ -4,8 +4,10 @@
 // modes make for their connections.
 #include "comp/SysPlatMsg.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -42,6 +44,21 @@ void Put(char* pcHdr, int iOff, T value) {
 void PutIp(char* pcField, const char* pcIp) {
     if (pcIp == nullptr) return;
     std::memcpy(pcField, pcIp, strnlen(pcIp, kIpFieldLen));
+}
+
+// This process's id, asked of the kernel once (it is written into every
+// message). A child made with fork() asks again: the atfork hook forgets the
+// parent's id in the child.
+std::atomic<pid_t> g_iOwnPid{0};
+void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
+pid_t OwnPid() {
+    pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
+    if (iPid == 0) {
+        static const bool bHooked = pthread_atfork(nullptr, nullptr, ForgetOwnPid) == 0;
+        iPid = getpid();
+        if (bHooked) g_iOwnPid.store(iPid, std::memory_order_relaxed);
+    }
+    return iPid;
 }
 
 // The route id of RouteRecord field 0 as a number.
@@ -117,7 +134,7 @@ int SysBuildPlatMsg(QueueMsg* pstBuf, int iLen, int iSock, const RouteRecord* ps
     std::memset(pcText, 0, plat::kHeaderLen);
 
     const int iTotal = iLen + plat::kHeaderLen;
-    const pid_t iPid = getpid();
+    const pid_t iPid = OwnPid();
     const uint16_t usRoute = static_cast<uint16_t>(RouteNumber(*pstRoute));
     Put(pcText, plat::kTotalLen, static_cast<uint16_t>(iTotal));
     Put(pcText, plat::kKind, static_cast<uint16_t>(plat::kKindNet));
@@ -136,7 +153,7 @@ int SysBuildPlatMsg(QueueMsg* pstBuf, int iLen, int iSock, const RouteRecord* ps
 
 int SysReadPlatMsg(int iFifoFd, QueueMsg* pstBuf) {
     if (pstBuf == nullptr) return -1;
-    return ReadAfterDoorbell(iFifoFd, pstBuf, getpid());
+    return ReadAfterDoorbell(iFifoFd, pstBuf, OwnPid());
 }
 
 int SysReadPlatMsgByRID(const char* pcRouteId, int iFifoFd, QueueMsg* pstBuf) {

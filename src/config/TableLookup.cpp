@@ -139,8 +139,12 @@ std::span<const TableRecord> RecordsBeforeEnd(std::span<const TableRecord> seg) 
 }
 
 const TableRecord* FindRow(std::span<const TableRecord> seg, const char* pcTable, const KeyList& stKeys) {
-    for (const TableRecord& stRec : RecordsBeforeEnd(seg))
+    // One walk: stop at the end record or at the first match, whichever
+    // comes first (the lookups of every message go through here).
+    for (const TableRecord& stRec : seg) {
+        if (IsEndRecord(stRec)) break;
         if (IsTableRecord(stRec, pcTable) && RowMatches(stRec, stKeys)) return &stRec;
+    }
     return nullptr;
 }
 

@@ -4,9 +4,9 @@
 #include "util/SysTcpBasi.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -203,8 +203,11 @@ int iSockRecv(int iSock, void* pvBuf, int iLen) {
 }
 
 int iNoblockFd(int iFd) {
-    int iFlags = fcntl(iFd, F_GETFL);
-    if (iFlags < 0 || fcntl(iFd, F_SETFL, iFlags | O_NONBLOCK) < 0) {
+    // FIONBIO adds O_NONBLOCK to the file status flags in one call, as
+    // F_GETFL followed by F_SETFL would in two (this runs for every accepted
+    // connection).
+    int iOn = 1;
+    if (ioctl(iFd, FIONBIO, &iOn) != 0) {
         int iErr = errno;
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]%s fcntl  error,errno=%d, errmsg[%s]", SRC_NAME, __LINE__,
                  "iNoblockFd", iErr, std::strerror(iErr));
