@@ -58,6 +58,7 @@ struct TsState {
     int listenFd = -1;
     int ctlFd = -1;
     int notifyFd = -1;
+    long pid = 0;                  // queue message type of every request
     std::vector<SockEntry> rows;   // pstSockList
     comp::ModeLoop* loop = nullptr;
     QueueMsg buf;                  // one request or answer at a time
@@ -236,7 +237,7 @@ void TsRequest(int fd) {
         TsClose(fd);
         TsQuit();
     }
-    buf.lMsgType = getpid();
+    buf.lMsgType = g_ts->pid;
     if (SysWriteQueue(&buf, total, g_stMsgQCntl[comp::kQueueToTranp].iId) != 0) {
         COMP_ERRLOG("[%s,%d]SysWriteQueue error.errno=%d,errmsg:[%s]", SRC_NAME, __LINE__, errno,
                     std::strerror(errno));
@@ -345,6 +346,7 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     TsState& ts = state;
     std::snprintf(ts.routeId, sizeof ts.routeId, "%s", pcRouteId);
     ts.route = stRoute;
+    ts.pid = getpid();
     std::snprintf(ts.routeName, sizeof ts.routeName, "%s", stRoute.caField[RT_ROUTENAME]);
     ts.headerLen = std::atoi(stRoute.caField[RT_HEADERLEN]);
 
