@@ -1,18 +1,75 @@
-// Framing: the length rule in its encodings and limits, whole messages over
-// a socket pair (also from peers that stop early or stall), and the type
-// rule read from a route table segment.
+// Framing: the route row's framing fields and its "IP:PORT", the length rule
+// in its encodings and limits, whole messages over a socket pair (also from
+// peers that stop early or stall), and the type rule read from a route table
+// segment.
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <cstring>
 #include <memory>
-#include <vector>
 
-#include "FrameFixture.h"
 #include "TableImage.h"
+#include "UnitFixture.h"
+#include "comp/SysComPub.h"
 #include "comp/SysNetFrame.h"
 
 namespace {
+
+using comptest::MakeRoute;
+using FrameTest = comptest::UnitTest;
+
+// g_caMsg from its first "]" on.
+std::string RouteMsg() { return std::strchr(g_caMsg, ']'); }
+
+TEST_F(FrameTest, FramingFieldsAreReadByPositionAndGuardedByTheirOutputs) {
+    RouteRecord st = MakeRoute(
+        {{RT_MSGLENGETLEN, "0"}, {RT_MSGLENGETOFFSET, "2"}, {RT_IDLETIMEOUT, "60"}, {RT_HEADERLEN, "00012"}});
+    int iLen = -1, iOff = -1, iIdle = -1, iHdr = -1;
+    ASSERT_EQ(iGetStaticTblValues(st, &iLen, &iOff, &iIdle, &iHdr), 0);
+    EXPECT_EQ(iLen, 0);
+    EXPECT_EQ(iOff, 2);
+    EXPECT_EQ(iIdle, 60);
+    EXPECT_EQ(iHdr, 1);  // only four characters count
+
+    // A field that fills its 32 bytes ends there.
+    std::snprintf(st.caField[RT_HEADERLEN], 32, "%s", "12");
+    std::memset(st.caField[RT_MSGLENGETLEN], '0', 31);
+    st.caField[RT_MSGLENGETLEN][31] = '4';
+    ASSERT_EQ(iGetStaticTblValues(st, &iLen, &iOff, &iIdle, &iHdr), 0);
+    EXPECT_EQ(iLen, 4);
+    EXPECT_EQ(iHdr, 12);
+
+    EXPECT_EQ(iGetStaticTblValues(st, nullptr, &iOff, &iIdle, &iHdr), -1);
+    EXPECT_EQ(RouteMsg(), "]PLAT_STATICROUTEINF config error,MSGLENGETLEN must greater then zero");
+    EXPECT_EQ(iGetStaticTblValues(st, &iLen, &iOff, &iIdle, nullptr), -1);
+    EXPECT_EQ(RouteMsg(), "]PLAT_STATICROUTEINF config error,HEADERLEN");
+    EXPECT_EQ(iGetStaticTblValues(st, &iLen, nullptr, &iIdle, &iHdr), -1);
+    EXPECT_EQ(RouteMsg(), "]parameter error.");
+}
+
+TEST_F(FrameTest, IpAndPortForms) {
+    char caIp[32];
+    int iPort = -5;
+    ASSERT_EQ(SysGetIpAndPort("10.1.2.3:7001", caIp, &iPort), 0);
+    EXPECT_STREQ(caIp, "10.1.2.3");
+    EXPECT_EQ(iPort, 7001);
+    ASSERT_EQ(SysGetIpAndPort("10.1.2.3:", caIp, &iPort), 0);
+    EXPECT_EQ(iPort, 0);
+
+    EXPECT_EQ(SysGetIpAndPort("-1", caIp, &iPort), -2);
+    EXPECT_EQ(RouteMsg(), "]not server config.IP:PORT [-1].");
+    EXPECT_EQ(SysGetIpAndPort("-1:0", caIp, &iPort), -2);
+
+    std::memset(caIp, 'z', sizeof caIp);
+    EXPECT_EQ(SysGetIpAndPort("10.1.2.3", caIp, &iPort), -1);
+    EXPECT_EQ(RouteMsg(), "]IPPORT has wrong value.[]");
+    EXPECT_STREQ(caIp, "10.1.2.3");  // terminated all the same
+    char caWide[64];
+    EXPECT_EQ(SysGetIpAndPort((std::string(70, '1') + ":80").c_str(), caWide, &iPort), -1);
+    EXPECT_EQ(std::strlen(caWide), 63u);
+    EXPECT_EQ(SysGetIpAndPort(nullptr, caIp, &iPort), -1);
+    EXPECT_EQ(RouteMsg(), "]parameter error.");
+}
 
 // width, offset, encoding, byte order, HEADERLEN, adjustment
 RouteRecord LenRule(const char* w, const char* off, const char* type, const char* intel, const char* hdr,

@@ -1,39 +1,25 @@
 // PlatMsg header and notifications read back from real private queues, the
-// doorbell-then-queue reads, the draining of stale messages and the
-// registry calls.
+// doorbell-then-queue reads and the draining of stale messages.
 #include <fcntl.h>
 #include <sys/msg.h>
-#include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <cstring>
 #include <memory>
 
-#include "FrameFixture.h"
+#include "UnitFixture.h"
 #include "comp/SysPlatMsg.h"
-#include "ipc/SysConnReg.h"
 
 namespace {
 
 namespace plat = comp::plat;
+using comptest::MakeRoute;
 
-// A PlatMsg header as the platform expects it.
-struct Hdr {
-    uint16_t total, kind;
-    int32_t pid, pid2;
-    uint16_t route, route2;
-    int32_t sock, sock2, port;
-    char ip[16], ip2[16];
-    char flag, pad[3];
-};
-static_assert(sizeof(Hdr) == plat::kHeaderLen && offsetof(Hdr, ip) == plat::kIp && offsetof(Hdr, flag) == plat::kFlag);
+using Hdr = comptest::PlatHdr;
 
-std::string Bytes(const Hdr& h) { return std::string(reinterpret_cast<const char*>(&h), sizeof h); }
-
-class PlatMsgTest : public FrameTest {
+class PlatMsgTest : public comptest::UnitTest {
 protected:
     void SetUp() override {
-        FrameTest::SetUp();
+        UnitTest::SetUp();
         for (int idx : {comp::kQueueToTranp, comp::kQueueFromTranp, comp::kQueueDrain})
             ASSERT_GE(g_stMsgQCntl[idx].iId = keys.newQueue(), 0);
         ASSERT_EQ(pipe2(bell_, O_NONBLOCK), 0);
@@ -41,7 +27,7 @@ protected:
     void TearDown() override {
         close(bell_[0]);
         close(bell_[1]);
-        FrameTest::TearDown();
+        UnitTest::TearDown();
     }
     void Put(int idx, long lType, const std::string& text) {
         QueueMsg stMsg{lType, {}};
@@ -71,7 +57,7 @@ TEST_F(PlatMsgTest, LargestMessageGetsAFullHeaderAndA16CharacterIpWithoutNul) {
     // The 16-bit length field keeps the low bits of 65,536.
     Hdr want{0, 0, getpid(), getpid(), 301, 301, 9, 9, 7001, "192.168.100.200", "192.168.100.200", 'Y', {}};
     want.ip[15] = want.ip2[15] = '1';
-    EXPECT_EQ(t.substr(0, 64), Bytes(want));
+    EXPECT_EQ(t.substr(0, 64), want.bytes());
     for (int i = 0; i < iLen; ++i) ASSERT_EQ(t[plat::kHeaderLen + i], static_cast<char>(i * 7)) << i;
 
     EXPECT_EQ(SysBuildPlatMsg(buf_.get(), iLen + 1, 9, &stRoute, "1.1.1.1", 1), -1) << "does not fit";
@@ -87,10 +73,10 @@ TEST_F(PlatMsgTest, NoticesAre132BytesWithSecondCopiesZero) {
     std::string t = Take(comp::kQueueToTranp, &lType);
     EXPECT_EQ(lType, getpid());
     Hdr want{132, 1, getpid(), 0, 42, 0, 17, 0, 5555, "10.9.8.7", {}, 'I', {}};
-    EXPECT_EQ(t, Bytes(want) + std::string(reinterpret_cast<char*>(&stNotice), 63) + std::string(5, '\0'));
+    EXPECT_EQ(t, want.bytes() + std::string(reinterpret_cast<char*>(&stNotice), 63) + std::string(5, '\0'));
 
     Hdr lost{132, 1, getpid(), 0, 7, 0, 0, 0, 0, "10.0.0.1", {}, 'I', {}};
-    EXPECT_EQ(Take(comp::kQueueToTranp), Bytes(lost) + std::string("N00310.0.0.1", 12) + std::string(56, '\0'))
+    EXPECT_EQ(Take(comp::kQueueToTranp), lost.bytes() + std::string("N00310.0.0.1", 12) + std::string(56, '\0'))
         << "texts travel in N001 only";
     EXPECT_NE(Logs().find("write [N003] to tranp"), std::string::npos);
 
@@ -131,26 +117,6 @@ TEST_F(PlatMsgTest, CleanDrainsOnlyItsTypeFromQueues8And12) {
     EXPECT_EQ(Take(comp::kQueueDrain), "keep12");
     EXPECT_NE(Logs().find("msgtype[" + std::to_string(lMine) + "],len=2!"), std::string::npos);
     EXPECT_EQ(SysCleanQueue(0), -1);
-}
-
-TEST_F(FrameTest, RegisteredConnectionIsDeletedOnceThenUnknown) {
-    key_t shmKey = 0;
-    int iSemId = keys.newSemSet(10, 0);
-    ASSERT_GE(keys.newShm(comp::kRegistrySegmentMin, &shmKey), 0);
-    run.write("etc/sys.cfg", "[SHMRESOURCE]\nCONNREG 1 " + std::to_string(shmKey) + " " +
-                                 std::to_string(comp::kRegistrySegmentMin) + "\n");
-    ASSERT_EQ(SysInitMemList(1, 1, iSemId), 0);
-    ASSERT_EQ(SysConnectMem(1, 1), 0);
-
-    RouteRecord stRoute = MakeRoute({{RT_ROUTEID, "301"}});
-    ASSERT_EQ(SysRegConnection("10.1.1.1", 4000, &stRoute, 12, 1), 0);
-    ConnNode stNode{};
-    EXPECT_EQ(SysGetPidByRouteidIp("301", "10.1.1.1", &stNode), getpid());
-    EXPECT_EQ(stNode.iVirtualFd, 12);
-    EXPECT_EQ(SysDelConnection(301, "10.1.1.1", 4000, 1), 0);
-    EXPECT_EQ(SysDelConnection(301, "10.1.1.1", 4000, 1), 1);
-    EXPECT_NE(Logs().find("DeleteOne ,key not found"), std::string::npos);
-    SysConnRegDetach();
 }
 
 }  // namespace

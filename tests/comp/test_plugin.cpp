@@ -1,20 +1,13 @@
-// Plug-in hooks with the test plug-ins built in the tree, the built-in
+// Plug-in hooks with the test plug-in built in the tree, the built-in
 // heartbeat frames and the MD5 check.
-#include <cstdint>
-#include <filesystem>
-
-#include "FrameFixture.h"
+#include "UnitFixture.h"
 #include "comp/SysPlugin.h"
-
-#ifndef COMP_PLUGIN_DIR
-#define COMP_PLUGIN_DIR COMP_BINARY_DIR "/plugins"
-#endif
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class PluginTest : public FrameTest {
+class PluginTest : public comptest::UnitTest {
 protected:
     std::string LibPath() const { return run.file("runs/bin/libBeatMsg.so"); }
     void Install() { fs::copy_file(COMP_PLUGIN_DIR "/libBeatMsg.so", LibPath(), fs::copy_options::overwrite_existing); }

@@ -1,18 +1,17 @@
+// app.cfg: its readers, the writer that changes one variable in place, and
+// the file lock both sides take.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstring>
-#include <string>
 
-#include "ConfigFixture.h"
+#include "UnitFixture.h"
 #include "config/FileOpApp.h"
 
 namespace {
+
+using comptest::Contains;
 
 const char kSample[] =
     "# platform settings\n"
@@ -30,10 +29,10 @@ const char kSample[] =
     "[]\n"
     "TAIL after the part\n";
 
-class AppCfg : public ConfigTest {
+class AppCfg : public comptest::UnitTest {
 protected:
     void SetUp() override {
-        ConfigTest::SetUp();
+        UnitTest::SetUp();
         run.write("etc/app.cfg", kSample);
     }
 
@@ -43,17 +42,6 @@ protected:
     }
     std::string File() const { return run.read("etc/app.cfg"); }
     std::string Backup() const { return run.read("etc/.app.cfg.old"); }
-
-    // Runs fn in a child process and returns its exit status.
-    template <typename Fn>
-    static int InChild(Fn fn) {
-        pid_t pid = fork();
-        if (pid == 0) _exit(fn());
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
 };
 
 TEST_F(AppCfg, StreamReaderTakesEveryEntryOfThePart) {
@@ -150,7 +138,7 @@ TEST_F(AppCfg, FailedRewriteIsRestoredFromBackup) {
     // The child may grow files only a little past the current size, so the
     // backup copy succeeds and the longer rewrite fails part way.
     const rlim_t limit = sizeof kSample + 10;
-    int rc = InChild([limit] {
+    int rc = comptest::RunInChild([limit] {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit rl {limit, limit};
         setrlimit(RLIMIT_FSIZE, &rl);
@@ -164,24 +152,22 @@ TEST_F(AppCfg, ReadersWaitForTheLockHolder) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const std::string path = run.file("etc/app.cfg");
-    pid_t pid = fork();
-    if (pid == 0) {
+    pid_t pid = comptest::ForkChild([&] {
         int fd = open(path.c_str(), O_RDWR);
-        if (fd < 0 || lockf(fd, F_LOCK, 0) != 0) _exit(1);
+        if (fd < 0 || lockf(fd, F_LOCK, 0) != 0) return 1;
         (void)!write(ready[1], "x", 1);
         usleep(300 * 1000);
         const std::string changed = "[APPVARS]\nLOG_LEVEL 4\n[]\n";
         (void)!ftruncate(fd, 0);
         (void)!pwrite(fd, changed.data(), changed.size(), 0);
-        _exit(0);   // releases the lock
-    }
+        return 0;   // the exit releases the lock
+    });
     char c;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(Var("LOG_LEVEL"), "4");
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
-    int status = 0;
-    waitpid(pid, &status, 0);
+    EXPECT_EQ(comptest::ExitStatus(pid), 0);
     close(ready[0]);
     close(ready[1]);
 }
@@ -193,24 +179,12 @@ TEST_F(AppCfg, ConcurrentChangesOfDifferentVariablesBothLand) {
             if (SysChgAppVar(name, std::to_string(i).c_str()) != 0) return 1;
         return 0;
     };
-    pid_t pid = fork();
-    if (pid == 0) _exit(changeMany("LOG_LEVEL"));
+    pid_t pid = comptest::ForkChild([&] { return changeMany("LOG_LEVEL"); });
     EXPECT_EQ(changeMany("FTPUSER"), 0);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(comptest::ExitStatus(pid), 0);
     EXPECT_EQ(Var("LOG_LEVEL"), std::to_string(kRounds));
     EXPECT_EQ(Var("FTPUSER"), std::to_string(kRounds));
     EXPECT_EQ(Var("STATION_ID"), "0123456789ABCDEF");
-}
-
-TEST_F(ConfigTest, AppCfgFileCopy) {
-    run.write("src.bin", std::string(3000, 'q') + '\0' + "end");
-    ASSERT_EQ(filecopy(run.file("src.bin").c_str(), run.file("dst.bin").c_str()), 0);
-    EXPECT_EQ(run.read("dst.bin"), run.read("src.bin"));
-    const std::string missing = run.file("missing");
-    EXPECT_EQ(filecopy(missing.c_str(), run.file("dst.bin").c_str()), -1);
-    EXPECT_TRUE(Contains(Logs(), "Open " + missing + " Error:No such file or directory"));
 }
 
 }  // namespace

@@ -1,28 +1,95 @@
-// sys.cfg: the CommCfg block and the four resource sections.
-#include <unistd.h>
-
+// sys.cfg: the file library under its readers (values, lines, opening),
+// the CommCfg block and the four resource sections.
+#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <string>
 
-#include "ConfigFixture.h"
+#include "UnitFixture.h"
 #include "config/SysRscApp.h"
 
 namespace {
+
+using comptest::Contains;
 
 const std::string kComm =
     "LOGONTIMELIMIT 10\nCOMLOGONTIMELIMIT 20\nINQUERYTIME 30\nINQUERYCOUNT 40\nSHUTDOWNTIME 50\n"
     "MSGQUEUECOUNT 3\nSEMPHORECOUNT 2\nSHAREMEMCOUNT 2\nPROCNAMECOUNT 1\n";
 
-class SysCfg : public ConfigTest {
+class SysCfg : public comptest::UnitTest {
 protected:
     std::string Cfg(const std::string& text) {
         run.write("etc/sys.cfg", text);
         return path;
     }
     std::string Pid(const std::string& rest) const { return "]pid[" + std::to_string(getpid()) + rest; }
+    // GetValue over the data; the value, or "<fail>".
+    static std::string Value(const std::string& data, const char* key) {
+        char value[80];
+        std::memset(value, 'x', sizeof value);
+        int n = GetValue(data.data(), static_cast<int>(data.size()), key, static_cast<int>(std::strlen(key)),
+                         value);
+        if (n < 0) return "<fail>";
+        EXPECT_EQ(static_cast<size_t>(n), std::strlen(value));
+        return value;
+    }
     const std::string path = run.file("etc/sys.cfg");
 };
+
+TEST_F(SysCfg, ValueSeparatorsEndsFirstOccurrenceAndLengthLimit) {
+    // Blanks, tabs, "=" and trailing comments: see the CommCfg test below.
+    EXPECT_EQ(Value("KEY 30\r\n", "KEY"), "30\r");   // atoi still gives 30
+    EXPECT_EQ(Value("KEY 3\t0\n", "KEY"), "3\t0");   // a tab does not end the value
+    EXPECT_EQ(Value("KEY\nOTHER 5\n", "KEY"), "");
+    EXPECT_EQ(Value(std::string("KEY=\0\0 7\n", 9), "KEY"), "7");
+    EXPECT_EQ(Value("A 1\nKEY 30", "KEY"), "30");   // up to the end of the data
+    EXPECT_EQ(Value("A 1\nKEY", "KEY"), "");
+    EXPECT_EQ(Value("# MAXCOM 1\nMAXCOM 2\n", "MAXCOM"), "1");   // comments are no exception
+    EXPECT_EQ(Value("A 1\n", "KEY"), "<fail>");
+    EXPECT_TRUE(Contains(Logs(), "String[KEY] No Match in netcfg file"));
+
+    const std::string v64(64, '9');
+    EXPECT_EQ(Value("KEY " + v64 + "\n", "KEY"), v64);
+    EXPECT_EQ(Value("KEY " + v64, "KEY"), v64);
+    EXPECT_EQ(Value("KEY " + v64 + "9\n", "KEY"), "<fail>");
+    EXPECT_TRUE(Contains(Logs(), "CFG[KEY] Value >MAXLEN"));
+
+    int pos = -1;
+    EXPECT_EQ(JudgeIfStrMatch("CD", 2, "ABCD", 4, &pos), 0);
+    EXPECT_EQ(pos, 4);
+    EXPECT_EQ(JudgeIfStrMatch("CD", 2, "ABCD", 3, &pos), -1);   // never across the end
+}
+
+TEST_F(SysCfg, ReadFileLineLimitsAndLastLine) {
+    const std::string l127(127, 'a'), l128(128, 'b');
+    int fd = InitFile(Cfg(l127 + "\n" + l128 + "\n").c_str(), 1);
+    ASSERT_GE(fd, 0);
+    char line[128] = {};
+    EXPECT_EQ(ReadFileLine(fd, line), 127);
+    EXPECT_EQ(std::string(line), l127);
+    std::memset(line, 0, sizeof line);
+    EXPECT_EQ(ReadFileLine(fd, line), -1);
+    EXPECT_EQ(line[127], '\0');   // never fills the last byte
+    CloseFile(fd);
+
+    fd = InitFile(Cfg("one\n\nlast").c_str(), 1);
+    EXPECT_EQ(ReadFileLine(fd, line), 3);
+    EXPECT_EQ(ReadFileLine(fd, line), 0);
+    EXPECT_EQ(ReadFileLine(fd, line), -2);   // no newline: the line does not count
+    CloseFile(fd);
+}
+
+TEST_F(SysCfg, InitFileCreatesMissingFileAndResolvesEnvName) {
+    const std::string created = run.file("etc/new.cfg");
+    CloseFile(InitFile(created.c_str(), 1));
+    EXPECT_EQ(run.read("etc/new.cfg"), "");
+    setenv("NETCFG_TEST_PATH", created.c_str(), 1);
+    int fd = InitFile("NETCFG_TEST_PATH", 2);
+    EXPECT_GE(fd, 0);
+    CloseFile(fd);
+    unsetenv("NETCFG_TEST_PATH");
+    EXPECT_EQ(InitFile("NETCFG_TEST_PATH", 2), -1);
+    EXPECT_EQ(InitFile(("/" + std::string(120, 'p')).c_str(), 1), -1);   // does not fit 100 bytes
+}
 
 TEST_F(SysCfg, CommCfgTakesTheFirstOccurrenceWhateverTheSeparator) {
     CommCfg cfg;
@@ -42,24 +109,24 @@ TEST_F(SysCfg, CommCfgFailuresKeepWhatWasRead) {
     CommCfg cfg;
     std::string text = kComm;
     EXPECT_EQ(GetCommConfigValue(Cfg(text.erase(text.find("SHUTDOWN"), 16)).c_str(), &cfg), -1);
-    EXPECT_EQ(Msg(), Pid("]File[" + path + "] GetValue Fail [SHUTDOWNTIME]"));
+    EXPECT_EQ(MsgTail(), Pid("]File[" + path + "] GetValue Fail [SHUTDOWNTIME]"));
     EXPECT_EQ(cfg.iInqueryCount, 40);
     EXPECT_EQ(cfg.iShutdownTime, 0);
     EXPECT_EQ(cfg.iProcNameCount, 0);
 
     text = kComm;
     EXPECT_EQ(GetCommConfigValue(Cfg(text.erase(text.find("COMLOGON"), 21)).c_str(), &cfg), -1);
-    EXPECT_EQ(Msg(), Pid("] File[" + path + "] GetValue Fail [COMLOGONTIMELIMIT]"));
+    EXPECT_EQ(MsgTail(), Pid("] File[" + path + "] GetValue Fail [COMLOGONTIMELIMIT]"));
     EXPECT_EQ(GetCommConfigValue(Cfg("INQUERYTIME " + std::string(65, '1') + "\n" + kComm).c_str(), &cfg), -1);
     EXPECT_TRUE(Contains(Logs(), "CFG[INQUERYTIME] Value >MAXLEN"));
     EXPECT_EQ(GetCommConfigValue(Cfg("").c_str(), &cfg), -1);
-    EXPECT_EQ(Msg(), Pid("] File Read Fail [" + path + "]"));
+    EXPECT_EQ(MsgTail(), Pid("] File Read Fail [" + path + "]"));
 
     int iCount = 0;
     EXPECT_EQ(GetAppCommConfigValue(Cfg("PROCNAMECOUNT=4\n").c_str(), &iCount), 0);
     EXPECT_EQ(iCount, 4);
     EXPECT_EQ(GetAppCommConfigValue(Cfg("X\n").c_str(), &iCount), -1);
-    EXPECT_EQ(Msg(), Pid("]File[" + path + "] GetValue Fail [PROCNAMECOUNT]"));
+    EXPECT_EQ(MsgTail(), Pid("]File[" + path + "] GetValue Fail [PROCNAMECOUNT]"));
 }
 
 TEST_F(SysCfg, SectionsAreReadInFileOrderSkippingComments) {
@@ -125,7 +192,7 @@ TEST_F(SysCfg, BadOrMissingSectionsFailWithTheirOwnText) {
     // long lines before their header.
     EXPECT_EQ(queue(Cfg(kLong + "[QRESOURCE]\nQ 1 1 " + std::string(121, 'x') + "\nQ 2 2\n").c_str()), 0);
     EXPECT_EQ(queue(run.file("nodir/sys.cfg").c_str()), -1);
-    EXPECT_EQ(Msg(), Pid("]File Open Fail [" + run.file("nodir/sys.cfg") + "]"));
+    EXPECT_EQ(MsgTail(), Pid("]File Open Fail [" + run.file("nodir/sys.cfg") + "]"));
 }
 
 TEST_F(SysCfg, LongWordsRunOnWithinTheirRecordOnly) {

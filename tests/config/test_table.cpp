@@ -2,15 +2,15 @@
 #include <sys/shm.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
-#include "ConfigFixture.h"
+#include "UnitFixture.h"
 #include "TableImage.h"
 #include "config/SysRscApp.h"
 #include "config/SysTable.h"
 
 namespace {
+
+using comptest::Contains;
 
 std::vector<std::string> Route(const std::string& id, const std::string& mon, const std::string& name) {
     std::vector<std::string> v(28);
@@ -20,10 +20,10 @@ std::vector<std::string> Route(const std::string& id, const std::string& mon, co
     return v;
 }
 
-class Table : public ConfigTest {
+class Table : public comptest::UnitTest {
 protected:
     void SetUp() override {
-        ConfigTest::SetUp();
+        UnitTest::SetUp();
         img.appendVar("MAX_COM_NUM", "256")
             .appendVar("LIVEMSGTYPE", "0000")
             .appendRoute(Route("1", "1", "alpha"))

@@ -1,83 +1,49 @@
 // Whole-process tests of comp's entry: joining the platform, the logon and
 // logoff notices to the supervisor, and the ways out before a mode runs.
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
-#include <memory>
-
 #include "Platform.h"
 
 namespace {
 
-using comptest::MakeRouteRow;
-using comptest::PlatformSetup;
-
 class CompEntryTest : public comptest::PlatformTest {
 protected:
-    template <typename T>
-    static T At(const QueueMsg& m, int off) {
-        T v{};
-        std::memcpy(&v, m.caText + off, sizeof v);
-        return v;
+    // Starts comp on a platform whose only route row is `route`.
+    size_t StartWithRoute(int route, const std::vector<std::string>& args) {
+        comptest::PlatformSetup setup;
+        setup.routes = {comptest::MakeRouteRow(route, "127.0.0.1:1", "0")};
+        StartPlatform(setup);
+        return StartComp(args);
     }
-
-    // Checks one Commonp notice byte for byte: type, 68 text bytes laid out
-    // as a PlatMsg header of kind 64 with the event code behind it.
-    static void ExpectNotice(const QueueMsg& m, int len, long code, pid_t pid) {
-        EXPECT_EQ(len, 68);
-        EXPECT_EQ(m.lMsgType, code);
-        EXPECT_EQ(At<uint16_t>(m, 0), 68);
-        EXPECT_EQ(At<uint16_t>(m, 2), 64);
-        EXPECT_EQ(At<int32_t>(m, 4), pid);
-        EXPECT_EQ(At<int32_t>(m, 8), 0);
-        EXPECT_EQ(At<uint16_t>(m, 12), 1);
-        for (int i = 14; i < 64; ++i) EXPECT_EQ(m.caText[i], 0) << "byte " << i;
-        EXPECT_EQ(At<uint16_t>(m, 64), code);
-        EXPECT_EQ(At<uint16_t>(m, 66), 0);
+    // Reads the one Commonp notice and checks it byte for byte: type, 68 text
+    // bytes laid out as a PlatMsg header of kind 64 with the event code behind it.
+    void ExpectOneNotice(uint16_t code, pid_t pid) {
+        ASSERT_EQ(ReadCommonp(buf.get(), 0, 2000), 68);
+        EXPECT_EQ(buf->lMsgType, code);
+        const comptest::PlatHdr hdr{68, 64, pid, 0, 1, 0, 0, 0, 0, {}, {}, 0, {}};
+        const uint16_t tail[2] = {code, 0};
+        EXPECT_EQ(std::string(buf->caText, 68), hdr.bytes() + std::string(reinterpret_cast<const char*>(tail), 4));
+        EXPECT_EQ(ReadCommonp(buf.get(), 0, 200), 0) << "one notice only";
     }
 
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 };
 
 TEST_F(CompEntryTest, logs_on_then_ends_255_on_an_unknown_mode_without_logoff) {
-    PlatformSetup setup;
-    setup.routes = {MakeRouteRow(10, "127.0.0.1:1", "0")};
-    StartPlatform(setup);
-    size_t c = StartComp({"SysTCPNOSUCH", "10", "1", "0", "e2e10_1"});
+    // "105" is cut to route 10, whose row exists: comp logs on.
+    size_t c = StartWithRoute(10, {"SysTCPNOSUCH", "105", "1", "0", "e2e10_1"});
     ASSERT_EQ(WaitComp(c, 10000), 255) << CompOutput(c) << AllLogs();
-
-    int len = ReadCommonp(buf.get(), 0, 2000);
-    ExpectNotice(*buf, len, 2, comp(c).pid);
-    EXPECT_EQ(ReadCommonp(buf.get(), 0, 200), 0) << "no logoff after a failed symbol lookup";
+    ExpectOneNotice(2, comp(c).pid);  // no logoff after a failed symbol lookup
     EXPECT_NE(CompTraceLog(c).find("SysTCPNOSUCH"), std::string::npos) << AllLogs();
 }
 
 TEST_F(CompEntryTest, missing_route_row_logs_config_error_and_logs_off_with_status_0) {
-    PlatformSetup setup;
-    setup.routes = {MakeRouteRow(11, "127.0.0.1:1", "0")};
-    StartPlatform(setup);
-    size_t c = StartComp({"SysTCPTS", "10", "1", "0", "e2e10_1"});
+    size_t c = StartWithRoute(11, {"SysTCPTS", "10", "1", "0", "e2e10_1"});
     ASSERT_EQ(WaitComp(c, 10000), 0) << CompOutput(c) << AllLogs();
-
-    int len = ReadCommonp(buf.get(), 0, 2000);
-    ExpectNotice(*buf, len, 4, comp(c).pid);  // the logoff comes without a logon
-    EXPECT_EQ(ReadCommonp(buf.get(), 0, 200), 0);
+    ExpectOneNotice(4, comp(c).pid);  // the logoff comes without a logon
     EXPECT_NE(CompTraceLog(c).find("config error"), std::string::npos) << AllLogs();
 }
 
-TEST_F(CompEntryTest, route_id_is_cut_to_two_characters) {
-    PlatformSetup setup;
-    setup.routes = {MakeRouteRow(10, "127.0.0.1:1", "0")};
-    StartPlatform(setup);
-    size_t c = StartComp({"SysTCPNOSUCH", "105", "1", "0", "e2e10_1"});
-    ASSERT_EQ(WaitComp(c, 10000), 255) << CompOutput(c) << AllLogs();
-    EXPECT_EQ(ReadCommonp(buf.get(), 0, 2000), 68);
-    EXPECT_EQ(buf->lMsgType, 2) << "route 10's row was found, so comp logged on";
-}
-
 TEST_F(CompEntryTest, platform_not_up_ends_255_without_any_notice) {
-    run.write("etc/sys.cfg", SysCfgText(1048576));
+    run.write("etc/sys.cfg", SysCfgText());
     run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n[]\n");
     size_t c = StartComp({"SysTCPTS", "10", "1", "0", "e2e10_1"});
     EXPECT_EQ(WaitComp(c, 10000), 255) << CompOutput(c);

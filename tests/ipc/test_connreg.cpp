@@ -1,18 +1,10 @@
 // Connection registry on real System V objects with private keys.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
 
-#include "TestEnv.h"
-#include "comp/SysGlobals.h"
+#include "UnitFixture.h"
 #include "ipc/SysConnReg.h"
 #include "ipc/SysIpc.h"
 
@@ -47,16 +39,12 @@ private:
     char* base_;
 };
 
-class ConnRegTest : public ::testing::Test {
+class ConnRegTest : public comptest::UnitTest {
 protected:
     void SetUp() override {
-        comptest::ResetGlobals();
-        std::snprintf(g_stProcState.stLog.caErrLogName, sizeof g_stProcState.stLog.caErrLogName, "%s/log/err",
-                      run_.path().c_str());
-        std::snprintf(g_stProcState.stLog.caTraceBase, sizeof g_stProcState.stLog.caTraceBase, "%s/log/trc",
-                      run_.path().c_str());
-        semId_ = keys_.newSemSet(10, 0);
-        shmId_ = keys_.newShm(kRegistrySegmentMin, &shmKey_);
+        UnitTest::SetUp();
+        semId_ = keys.newSemSet(10, 0);
+        shmId_ = keys.newShm(kRegistrySegmentMin, &shmKey_);
         ASSERT_GE(semId_, 0);
         ASSERT_GE(shmId_, 0);
         WriteCfg(shmKey_, kRegistrySegmentMin);
@@ -67,36 +55,22 @@ protected:
     void TearDown() override {
         view_.reset();
         SysConnRegDetach();
+        UnitTest::TearDown();
     }
 
     void WriteCfg(key_t key, int size) {
-        run_.write("etc/sys.cfg", "[SHMRESOURCE]\nCONNREG 1 " + std::to_string(key) + " " + std::to_string(size) +
-                                      "\nTABLE 2 12345 4096\n");
+        run.write("etc/sys.cfg", "[SHMRESOURCE]\nCONNREG 1 " + std::to_string(key) + " " + std::to_string(size) +
+                                     "\nTABLE 2 12345 4096\n");
     }
-
-    // Everything written to the error log so far.
-    std::string ErrLogText() const {
-        std::string all;
-        for (const auto& e : std::filesystem::directory_iterator(run_.file("log")))
-            if (e.path().filename().string().rfind("err_", 0) == 0) all += comptest::ReadFile(e.path().string());
-        return all;
-    }
-    bool ErrLogHas(const std::string& text) const { return ErrLogText().find(text) != std::string::npos; }
-
     int LockValue() const { return SemGetValue2(semId_, 0); }
 
     // Registers in a child process, so the node carries another pid.
     pid_t RegisterInChild(const char* route, const char* ip) {
-        pid_t pid = fork();
-        if (pid == 0) _exit(SysSaveInfo(route, ip, 1, -1, 3) >= 0 ? 0 : 1);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        pid_t pid = comptest::ForkChild([&] { return SysSaveInfo(route, ip, 1, -1, 3) >= 0 ? 0 : 1; });
+        EXPECT_EQ(comptest::ExitStatus(pid), 0);
         return pid;
     }
 
-    comptest::TempRunDir run_;
-    comptest::IpcKeys keys_;
     int semId_ = -1, shmId_ = -1;
     key_t shmKey_ = 0;
     std::unique_ptr<SegView> view_;
@@ -108,7 +82,7 @@ TEST_F(ConnRegTest, NewestRegistrationIsTheBusyHeadAndFreedNodesFollowTheFreeHea
     ASSERT_EQ(print(), 0);
     for (const char* line : {"total blocks=16384", "free blocks=16384", "busy blocks=0", "iFree=0", "iBusy=-1",
                              "busy null"})
-        EXPECT_TRUE(ErrLogHas(line)) << line;
+        EXPECT_TRUE(Logged(line)) << line;
 
     EXPECT_EQ(SysSaveInfo("1001", "10.0.0.1", 5001, -1, 11), 0);
     EXPECT_EQ(SysSaveInfo(" 10 02 ", "10.0.0. 2", 5002, -1, 12), 1);
@@ -126,7 +100,7 @@ TEST_F(ConnRegTest, NewestRegistrationIsTheBusyHeadAndFreedNodesFollowTheFreeHea
     EXPECT_EQ(SysSaveInfo("8", "1.1.1.1", 1, -1, 2), 2);
 
     ASSERT_EQ(print(), 0);
-    std::string log = ErrLogText(), pid = std::to_string(getpid());
+    std::string log = Logs(), pid = std::to_string(getpid());
     size_t next = log.find("busy next,pid=" + pid), pre = log.find("busy pre,pid=" + pid);
     size_t a = log.find("[8]\t[1.1.1.1:1]\t" + pid + "\t", next);
     size_t b = log.find("[1002]\t[10.0.0.2:5002]\t" + pid + "\t", next);
@@ -139,7 +113,7 @@ TEST_F(ConnRegTest, FullRegistryRefusesTheNextRegistration) {
     for (int i = 0; i < kRegistryNodes; ++i) ASSERT_EQ(SysSaveInfo("1", "2.2.2.2", i, -1, i), i);
     EXPECT_EQ(SysSaveInfo("1", "2.2.2.2", 1, -1, 1), -2);
     EXPECT_EQ(set("k", "v", 1), -2);
-    EXPECT_TRUE(ErrLogHas("not enough space"));
+    EXPECT_TRUE(Logged("not enough space"));
     EXPECT_EQ(DeleteBusyByPid(getpid()), 0);
     EXPECT_EQ(view_->hdr().iFreeBlocks, kRegistryNodes);
     EXPECT_EQ(SysSaveInfo("1", "2.2.2.2", 1, -1, 1), kRegistryNodes - 1);   // last freed sits at the head
@@ -179,7 +153,7 @@ TEST_F(ConnRegTest, DeletesMatchOnlyTheirOwnKeys) {
 
 TEST_F(ConnRegTest, VirtualDescriptorsAreListedAndRemovedTogether) {
     EXPECT_EQ(DeleteVirtualFdMany(getpid(), 7, 20), 1);
-    EXPECT_TRUE(ErrLogHas("cannot find key in an empty list"));
+    EXPECT_TRUE(Logged("cannot find key in an empty list"));
 
     SysSaveInfo("9", "5.5.5.1", 6001, 7, 20);
     SysSaveInfo("9", "5.5.5.2", 6002, 8, 20);   // other virtual descriptor
@@ -244,21 +218,20 @@ TEST_F(ConnRegTest, ClearingByTypeTakesExactTypesOnly) {
 TEST_F(ConnRegTest, LockOfAKilledHolderIsGivenBack) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
+    const pid_t pid = comptest::ForkChild([&] {
         SysP(semId_, 0);
-        char c = 'x';
-        (void)!write(fds[1], &c, 1);
-        pause();
-        _exit(0);
-    }
+        (void)!write(fds[1], "x", 1);
+        return pause();
+    });
     char c = 0;
-    ASSERT_EQ(read(fds[0], &c, 1), 1);
+    const bool held = read(fds[0], &c, 1) == 1;
+    const int heldValue = LockValue();
+    kill(pid, SIGKILL);
+    comptest::ExitStatus(pid);
     close(fds[0]);
     close(fds[1]);
-    EXPECT_EQ(LockValue(), 0);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    ASSERT_TRUE(held);
+    EXPECT_EQ(heldValue, 0);
     ASSERT_EQ(LockValue(), 1);   // the undo gave it back; the call below cannot block
     EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 1), 0);
     EXPECT_EQ(LockValue(), 1);
@@ -269,9 +242,8 @@ TEST_F(ConnRegTest, ConcurrentProcessesKeepTheListsWhole) {
     int gate[2];
     ASSERT_EQ(pipe(gate), 0);
     std::vector<pid_t> kids;
-    for (int p = 0; p < kProcs; ++p) {
-        pid_t pid = fork();
-        if (pid == 0) {
+    for (int p = 0; p < kProcs; ++p)
+        kids.push_back(comptest::ForkChild([&] {
             close(gate[1]);
             char c;
             (void)!read(gate[0], &c, 1);   // all start together when the gate closes
@@ -280,17 +252,11 @@ TEST_F(ConnRegTest, ConcurrentProcessesKeepTheListsWhole) {
                 if (SysSaveInfo("5", "7.7.7.7", i, -1, p) < 0) ++bad;
                 if (i % 3 == 2 && DeleteFWOne(getpid(), "7.7.7.7", i - 1, p) != 0) ++bad;
             }
-            _exit(bad == 0 ? 0 : 1);
-        }
-        kids.push_back(pid);
-    }
+            return bad == 0 ? 0 : 1;
+        }));
     close(gate[0]);
     close(gate[1]);
-    for (pid_t pid : kids) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+    for (pid_t pid : kids) EXPECT_EQ(comptest::ExitStatus(pid), 0);
     const int expectBusy = kProcs * (kRounds - kRounds / 3);
     EXPECT_EQ(view_->hdr().iBusyBlocks, expectBusy);
     EXPECT_EQ(static_cast<int>(view_->busyOrder().size()), expectBusy);
@@ -301,11 +267,11 @@ TEST_F(ConnRegTest, ConcurrentProcessesKeepTheListsWhole) {
 
 TEST_F(ConnRegTest, UnusableSegmentsAreRefusedWithoutTouchingTheLock) {
     key_t smallKey = 0;
-    ASSERT_GE(keys_.newShm(kRegistrySegmentMin - 1, &smallKey), 0);
+    ASSERT_GE(keys.newShm(kRegistrySegmentMin - 1, &smallKey), 0);
     WriteCfg(smallKey, kRegistrySegmentMin - 1);
     EXPECT_EQ(SysConnectMem(1, 1), -1);
     EXPECT_EQ(SysInitMemList(1, 1, semId_), -1);
-    EXPECT_TRUE(ErrLogHas("too small"));
+    EXPECT_TRUE(Logged("too small"));
     WriteCfg(smallKey, kRegistrySegmentMin);   // claiming the full size fails at the lookup
     EXPECT_EQ(SysConnectMem(1, 1), -1);
     EXPECT_EQ(g_memlist_shmkey, shmKey_);      // still the good segment
@@ -313,14 +279,11 @@ TEST_F(ConnRegTest, UnusableSegmentsAreRefusedWithoutTouchingTheLock) {
     EXPECT_EQ(SemSetValue2(semId_, 0, 0), 0);  // a SysP now would block
     g_memlist_shmsize = 100;
     EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 1), -1);
-    char* addr[3];
-    EXPECT_EQ(attach(&addr[0], &addr[1], &addr[2]), -1);
     g_memlist_shmsize = kRegistrySegmentMin;
-    g_memlist_shmkey = keys_.next();           // no segment under this key
-    EXPECT_EQ(DeleteVirtualFdMany(1, 1, 1), -1);
+    g_memlist_shmkey = keys.next();           // no segment under this key
     EXPECT_EQ(print(), -1);
     EXPECT_EQ(DeleteBusyAll("COM"), -1);
-    EXPECT_TRUE(ErrLogHas("attach error"));
+    EXPECT_TRUE(Logged("attach error"));
     g_memlist_shmkey = 0;                      // never connected
     EXPECT_EQ(ClearConnList("COM"), -1);
     EXPECT_EQ(LockValue(), 0);
@@ -351,7 +314,7 @@ TEST_F(ConnRegTest, DamagedLinksGiveErrorsNotHangs) {
     view_->node(1).iNext = 1;   // a loop that never reaches the oldest node
     EXPECT_EQ(DeleteOne(1, "9.9.9.9", 0, 0), -1);
     EXPECT_EQ(print(), -1);
-    EXPECT_FALSE(ErrLogHas("busy next"));   // one error line, not a runaway listing
+    EXPECT_FALSE(Logged("busy next"));   // one error line, not a runaway listing
     view_->node(1).iNext = -5;
     EXPECT_EQ(GetVirtualNodeList(getpid(), -1, 0, std::vector<ConnNode>(3).data()), -1);
     EXPECT_EQ(DeleteBusyByPid(getpid()), -1);
@@ -360,7 +323,7 @@ TEST_F(ConnRegTest, DamagedLinksGiveErrorsNotHangs) {
     h.iFree = -1;   // free count says otherwise
     EXPECT_EQ(SysSaveInfo("1", "1.1.1.1", 1, -1, 9), -1);
     h.iFree = 3;
-    EXPECT_TRUE(ErrLogHas("corrupt"));
+    EXPECT_TRUE(Logged("corrupt"));
     EXPECT_EQ(DeleteBusyByPid(getpid()), 0);   // repaired, works again
     EXPECT_EQ(h.iFreeBlocks, kRegistryNodes);
 }

@@ -1,19 +1,25 @@
+// The System V wrappers, the startup readers that open the platform's
+// objects by sys.cfg, and the FIFOs.
+#include <fcntl.h>
 #include <sys/msg.h>
+#include <sys/stat.h>
 
-#include <csignal>
 #include <cstring>
 #include <memory>
 
-#include "IpcFixture.h"
+#include "UnitFixture.h"
+#include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
 
 namespace {
 
-using Queue = IpcTest;
-using Semaphores = IpcTest;
-using SharedMemory = IpcTest;
-using StartupReaders = IpcTest;
+namespace fs = std::filesystem;
 namespace seam = comp::seam;
+using Queue = comptest::UnitTest;
+using Semaphores = comptest::UnitTest;
+using SharedMemory = comptest::UnitTest;
+using StartupReaders = comptest::UnitTest;
+using Fifo = comptest::UnitTest;
 constexpr auto npos = std::string::npos;
 
 std::unique_ptr<QueueMsg> Msg(long lType, const char* pcText = "") {
@@ -103,31 +109,6 @@ TEST_F(Semaphores, LockNumbersOutsideTheSetAreSilentSuccesses) {
     for (int i = 0; i < 10; ++i) EXPECT_EQ(SemGetValue2(iId, i), 1);
 }
 
-TEST_F(Semaphores, LockHeldByAKilledProcessIsGivenBack) {
-    const int iId = SysSemInit(keys.next(), 1);
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        char c = SysP(iId, 3) == 0 ? 'y' : 'n';
-        (void)!write(fds[1], &c, 1);
-        pause();
-        _exit(0);
-    }
-    char c = 0;
-    const bool bRead = read(fds[0], &c, 1) == 1;
-    const int iHeld = SemGetValue2(iId, 3);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    close(fds[0]);
-    close(fds[1]);
-    ASSERT_TRUE(bRead && c == 'y');
-    EXPECT_EQ(iHeld, 0);
-    ASSERT_EQ(SemGetValue2(iId, 3), 1);    // so the SysP below cannot block
-    EXPECT_EQ(SysP(iId, 3), 0);
-    EXPECT_EQ(SysV(iId, 3), 0);
-}
-
 TEST_F(SharedMemory, FailedAttachLeavesANullAddress) {
     char* pcAddr = reinterpret_cast<char*>(&pcAddr);
     EXPECT_EQ(AttachShmem(keys.next(), 4096, &pcAddr), -1);
@@ -143,69 +124,102 @@ TEST_F(SharedMemory, FailedAttachLeavesANullAddress) {
     EXPECT_EQ(DetachShmem(pcAddr), 0);
 }
 
-TEST(Signals, BlockThenRestoreDeliversThePendingSignal) {
-    static volatile sig_atomic_t s_iCaught = 0;
-    struct sigaction sa {}, old {};
-    sa.sa_handler = [](int) { s_iCaught = 1; };
-    sigaction(SIGUSR1, &sa, &old);
-    sigset_t set, saved;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    ASSERT_EQ(iSetSignalBlock(&set, &saved), 0);
-    raise(SIGUSR1);
-    EXPECT_EQ(s_iCaught, 0);
-    ASSERT_EQ(iSetSignalMask(&saved), 0);
-    EXPECT_EQ(s_iCaught, 1);
-    sigaction(SIGUSR1, &old, nullptr);
-}
-
-// sys.cfg with the CommCfg block (two queues, one semaphore set, two
-// segments) and the resource sections.
-void WriteSysCfg(const comptest::TempRunDir& run, const std::string& queues, const std::string& sems,
-                 const std::string& shms) {
-    run.write("etc/sys.cfg",
-              "LOGONTIMELIMIT 30\nCOMLOGONTIMELIMIT 30\nINQUERYTIME 5\nINQUERYCOUNT 3\nSHUTDOWNTIME 5\n"
-              "MSGQUEUECOUNT 2\nSEMPHORECOUNT 1\nSHAREMEMCOUNT 2\nPROCNAMECOUNT 0\n[QRESOURCE]\n" +
-                  queues + "[SEMRESOURCE]\n" + sems + "[SHMRESOURCE]\n" + shms + "[PROCESS]\n");
-}
-
-std::string Line(const char* pcName, int iIndex, key_t key, const char* pcTail = "") {
-    return std::string(pcName) + " " + std::to_string(iIndex) + " " + std::to_string(key) + pcTail + "\n";
-}
-
-TEST_F(StartupReaders, TablesAreFilledBySlotAndSegmentsByPosition) {
+TEST_F(StartupReaders, EntriesGoToTheirSlotsAndAnIndexBeyondTheTableFails) {
     keys.newQueue();    // an id of 0 is refused: keep the namespace's first ids away
-    keys.newSemSet(1, 0);
-    key_t kq5, kq7, ks, kReg, kTbl;
-    const int iQ5 = keys.newQueue(&kq5), iQ7 = keys.newQueue(&kq7);
-    const int iSem = keys.newSemSet(10, 1, &ks);
+    key_t kq, kReg, kTbl;
+    const int iQ = keys.newQueue(&kq);
     keys.newShm(4096, &kReg);
     const int iTbl = keys.newShm(4096, &kTbl);
-    WriteSysCfg(run, Line("TOTRANP", 5, kq5) + Line("FROMTRANP", 7, kq7), Line("LOCK", 3, ks, " 10"),
-                Line("REG", 9, kReg, " 4096") + Line("TBL", 1, kTbl, " 4096"));
-    ASSERT_EQ(SysMsgQueueOpen(2, g_stMsgQCntl), 0);
-    EXPECT_EQ(g_stMsgQCntl[5].iId, iQ5);
-    EXPECT_EQ(g_stMsgQCntl[5].iKey, kq5);
-    EXPECT_EQ(g_stMsgQCntl[7].iId, iQ7);
-    EXPECT_EQ(g_stMsgQCntl[6].iId, 0);
-    ASSERT_EQ(SysSemAttach(1, g_stSemCntl), 0);
-    EXPECT_EQ(g_stSemCntl[3].iId, iSem);
-    EXPECT_EQ(g_stSemCntl[3].iNum, 10);
-    EXPECT_EQ(SysGetShmIdByIndex(2, 2), iTbl);
+    const std::string q = std::to_string(kq);
+    run.write("etc/sys.cfg", "LOGONTIMELIMIT 30\nCOMLOGONTIMELIMIT 30\nINQUERYTIME 5\nINQUERYCOUNT 3\nSHUTDOWNTIME 5\n"
+                             "MSGQUEUECOUNT 2\nSEMPHORECOUNT 1\nSHAREMEMCOUNT 2\nPROCNAMECOUNT 0\n[QRESOURCE]\nA 4 " + q +
+                             "\nB 32 " + q + "\n[SEMRESOURCE]\nS 40 1 1\n[SHMRESOURCE]\nREG 9 " + std::to_string(kReg) +
+                             " 4096\nTBL 1 " + std::to_string(kTbl) + " 4096\n[PROCESS]\n");
+    EXPECT_EQ(SysMsgQueueOpen(2, g_stMsgQCntl), -1);
+    EXPECT_EQ(g_stMsgQCntl[4].iId, iQ);   // what was opened before stays
+    EXPECT_EQ(g_stMsgQCntl[4].iKey, kq);
+    EXPECT_EQ(g_stMsgQCntl[5].iId, 0);
+    EXPECT_EQ(SysSemAttach(1, g_stSemCntl), -1);
+    EXPECT_NE(Logs().find("open queue err [32]"), npos);
+    EXPECT_NE(Logs().find("Attach semphore err [40]"), npos);
+    EXPECT_EQ(SysGetShmIdByIndex(2, 2), iTbl);   // segments go by position, not index
     EXPECT_EQ(g_iShmTblId, iTbl);
     EXPECT_EQ(SysGetShmIdByIndex(3, 2), -1);
 }
 
-TEST_F(StartupReaders, IndexBeyondTheTableFailsAndKeepsWhatWasOpened) {
-    keys.newQueue();
-    key_t kq;
-    const int iQ = keys.newQueue(&kq);
-    WriteSysCfg(run, Line("A", 4, kq) + Line("B", 32, kq), Line("S", 40, 1, " 1"), "");
-    EXPECT_EQ(SysMsgQueueOpen(2, g_stMsgQCntl), -1);
-    EXPECT_EQ(g_stMsgQCntl[4].iId, iQ);
-    EXPECT_EQ(SysSemAttach(1, g_stSemCntl), -1);
-    EXPECT_NE(Logs().find("open queue err [32]"), npos);
-    EXPECT_NE(Logs().find("Attach semphore err [40]"), npos);
+TEST_F(Fifo, TwoOpensShareOneFifoThatCarriesSingleBytes) {
+    fs::remove(run.file("fifo"));
+    const int iFd1 = iOpenFIFO("1234", 3), iFd2 = iOpenFIFO("1234", 3), iFd3 = iConnectFIFO("1234", 3);
+    ASSERT_TRUE(iFd1 >= 0 && iFd2 >= 0 && iFd3 >= 0);
+    EXPECT_NE(Logs().find("mkdir " + run.file("fifo") + " ok"), npos);
+    struct stat a {}, b {};
+    fstat(iFd1, &a);
+    fstat(iFd2, &b);
+    EXPECT_EQ(a.st_ino, b.st_ino);
+    EXPECT_EQ(iCheckPipe("3_1234"), 0);
+    char c = 0;
+    ASSERT_EQ(iWriteFIFO(iFd3), 0);
+    ASSERT_EQ(iReadFIFO2Buf(iFd1, &c), 0);
+    EXPECT_EQ(c, '0');
+    ASSERT_EQ(iWriteStr2FIFO(iFd2, "x"), 0);
+    ASSERT_EQ(iReadFIFO2Buf(iFd1, &c), 0);
+    EXPECT_EQ(c, 'x');
+
+    EXPECT_EQ(iReadFIFO(iFd1), -1);    // empty: would block
+    EXPECT_NE(Logs().find("iReadFIFO]read() error,errno=11,"), npos);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(iWriteFIFO(iFd2), 0);
+    EXPECT_LT(iClearFIFO(iFd1), 0);
+    EXPECT_EQ(iReadFIFO2Buf(iFd1, &c), -1);    // all three were dropped
+    for (int iFd : {iFd1, iFd2, iFd3}) EXPECT_EQ(iCloseFIFO(iFd), 0);
+}
+
+TEST_F(Fifo, WrongOrMissingFilesAtThePath) {
+    run.write("fifo/3_77", "regular");
+    const int iFd = open("/dev/null", O_RDONLY);    // the next free descriptor
+    close(iFd);
+    EXPECT_EQ(iOpenFIFO("77", 3), -1);
+    EXPECT_EQ(open("/dev/null", O_RDONLY), iFd);    // nothing left open
+    close(iFd);
+    EXPECT_EQ(iConnectFIFO("77", 3), -3);
+    EXPECT_EQ(iCheckPipe("3_77"), -3);
+    EXPECT_NE(Logs().find("3_77] isn't a fifo file"), npos);
+
+    EXPECT_EQ(iConnectFIFO("78", 3), -2);
+    EXPECT_FALSE(fs::exists(run.file("fifo/3_78")));
+    EXPECT_EQ(SysCleanIpcFileById("78", 3), -2);
+    EXPECT_NE(Logs().find("3_78] is not exist"), npos);
+}
+
+TEST_F(Fifo, PathsThatDoNotFitAreRefused) {
+    const std::string name(128 - run.path().size() - 8, 'n');    // 128 bytes with "/fifo/1_"
+    EXPECT_EQ(iOpenFIFO(name.c_str(), 1), -1);
+    EXPECT_EQ(iConnectFIFO(name.c_str(), 1), -1);
+    EXPECT_TRUE(fs::is_empty(run.file("fifo")));
+    const int iFd = iOpenFIFO(name.substr(1).c_str(), 1);
+    EXPECT_GE(iFd, 0);
+    close(iFd);
+}
+
+TEST_F(Fifo, CleanUpRemovesOnlyFifos) {
+    for (const char* pcName : {"100", "200"}) close(iOpenFIFO(pcName, 2));
+    run.write("fifo/keep.txt", "x");
+    fs::create_directory(run.file("fifo/sub"));
+    ASSERT_EQ(SysCleanIpcFileById("100", 2), 0);
+    EXPECT_FALSE(fs::exists(run.file("fifo/2_100")));
+    ASSERT_EQ(SysCleanIpcFiles(), 0);
+    EXPECT_FALSE(fs::exists(run.file("fifo/2_200")));
+    EXPECT_TRUE(fs::exists(run.file("fifo/keep.txt")));
+    EXPECT_TRUE(fs::is_directory(run.file("fifo/sub")));
+}
+
+TEST_F(Fifo, ClearingABlockingPipeEndsWhenEmpty) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], "ab", 2), 2);
+    EXPECT_EQ(iClearFIFO(fds[0]), -1);    // the write end is open: a read would block
+    close(fds[1]);
+    EXPECT_EQ(iClearFIFO(fds[0]), 0);     // end of file
+    close(fds[0]);
 }
 
 }  // namespace

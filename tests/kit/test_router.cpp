@@ -1,69 +1,41 @@
-// The stand-in router: the queue type, header form and FIFO of every answer
-// it gives, and the order in which relayed answers find their requests.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
-
+// compkit.cfg; the stand-in router: the queue type, header form and FIFO of
+// every answer it gives, and the order in which relayed answers find their
+// requests; the framing of compkit send and echo-server.
 #include "Platform.h"
-#include "TestEnv.h"
-#include "comp/SysGlobals.h"
+#include "UnitFixture.h"
 #include "ipc/SysFIFO.h"
 #include "kit/Framing.h"
 #include "kit/KitConfig.h"
+#include "kit/KitProc.h"
 #include "kit/KitUtil.h"
-#include "kit/NetTools.h"
 #include "kit/Router.h"
 
 namespace {
 
 namespace p = comp::plat;
+using comptest::At;
 
 // A PlatMsg as a comp builds it (kind 0, or a notification).
 std::vector<char> PlatMsg(int pid, int route, int sock, int port, const std::string& ip, const std::string& body,
                           uint16_t kind = 0) {
-    std::vector<char> m(static_cast<size_t>(p::kHeaderLen) + body.size(), 0);
-    auto put16 = [&](int off, uint16_t v) { std::memcpy(&m[static_cast<size_t>(off)], &v, 2); };
-    auto put32 = [&](int off, int32_t v) { std::memcpy(&m[static_cast<size_t>(off)], &v, 4); };
-    put16(p::kTotalLen, static_cast<uint16_t>(m.size()));
-    put16(p::kKind, kind);
-    put32(p::kPid, pid);
-    put32(p::kPid2, pid);
-    put16(p::kRoute, static_cast<uint16_t>(route));
-    put16(p::kRoute2, static_cast<uint16_t>(route));
-    put32(p::kSock, sock);
-    put32(p::kSock2, sock);
-    put32(p::kPort, port);
-    std::memcpy(&m[p::kIp], ip.data(), ip.size());
-    std::memcpy(&m[p::kIp2], ip.data(), ip.size());
-    m[p::kFlag] = 'M';
-    std::memcpy(&m[p::kHeaderLen], body.data(), body.size());
-    return m;
+    const auto r = static_cast<uint16_t>(route);
+    comptest::PlatHdr h{static_cast<uint16_t>(64 + body.size()), kind, pid, pid, r, r, sock, sock, port, {}, {}, 'M', {}};
+    ip.copy(h.ip, 15);
+    ip.copy(h.ip2, 15);
+    const std::string m = h.bytes() + body;
+    return std::vector<char>(m.begin(), m.end());
 }
 
-int32_t Int32At(const char* t, int off) {
-    int32_t v;
-    std::memcpy(&v, t + off, 4);
-    return v;
-}
-
-class RouterTest : public ::testing::Test {
+class RouterTest : public comptest::UnitTest {
 protected:
     void SetUp() override {
-        SysResetGlobals();
-        kit::DirectLogs(run.path(), "router");
-        q7 = keys.newQueue();
-        q8 = keys.newQueue();
-        ASSERT_GE(q7, 0);
-        ASSERT_GE(q8, 0);
+        UnitTest::SetUp();
+        ASSERT_GE(q7 = keys.newQueue(), 0);
+        ASSERT_GE(q8 = keys.newQueue(), 0);
     }
     void TearDown() override {
         for (int fd : fifos) close(fd);
-        SysResetGlobals();
+        UnitTest::TearDown();
     }
 
     void Configure(const std::string& text) {
@@ -82,11 +54,7 @@ protected:
     // Doorbell bytes waiting on a FIFO.
     static int Rings(int fd) {
         int n = 0;
-        char c;
-        while (read(fd, &c, 1) == 1) {
-            EXPECT_EQ(c, '0');
-            ++n;
-        }
+        for (char c; read(fd, &c, 1) == 1; ++n) EXPECT_EQ(c, '0');
         return n;
     }
     void Route(const std::vector<char>& m) { router->handle(m.data(), static_cast<int>(m.size()), &trace); }
@@ -98,8 +66,6 @@ protected:
         return all;
     }
 
-    comptest::TempRunDir run;
-    comptest::IpcKeys keys;
     int q7 = -1, q8 = -1;
     std::unique_ptr<kit::Router> router;
     std::vector<int> fifos;
@@ -107,53 +73,46 @@ protected:
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 };
 
-TEST_F(RouterTest, ts_echo_is_typed_with_the_pid_and_carries_the_peer_ip_at_offset_24) {
-    Configure("route 10 SysTCPTS echo\n");
-    int ring = Fifo("4242", comp::kFifoPidNotify);
+TEST_F(RouterTest, echo_answers_in_the_form_of_the_asking_mode_and_rings_its_fifo) {
+    Configure("route 10 SysTCPTS echo\nroute 30 SysTCPPAS echo listen 127.0.0.1:1\nroute 20 SysTCPPC echo\n");
+    const int rings[] = {Fifo("4242", comp::kFifoPidNotify), Fifo("4243", comp::kFifoPidNotify),
+                         Fifo("20_1", comp::kFifoRouteNotify), Fifo("20_2", comp::kFifoRouteNotify)};
+    const char* t = buf->caText;
+
+    // TS: typed with the pid, the peer IP text at offset 24.
     Route(PlatMsg(4242, 10, 7, 5555, "10.1.2.3", "0005hello"));
     ASSERT_EQ(Answer(4242), 64 + 9) << Trace();
-    EXPECT_EQ(Int32At(buf->caText, p::kSock), 7);
-    EXPECT_STREQ(buf->caText + p::kPort, "10.1.2.3");
-    EXPECT_EQ(std::string(buf->caText + 64, 9), "0005hello");
-    uint16_t total;
-    std::memcpy(&total, buf->caText, 2);
-    EXPECT_EQ(total, 73);
-    EXPECT_EQ(Rings(ring), 1);
-}
+    EXPECT_EQ(At<uint16_t>(t, p::kTotalLen), 73);
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 7);
+    EXPECT_STREQ(t + p::kPort, "10.1.2.3");
+    EXPECT_EQ(std::string(t + 64, 9), "0005hello");
 
-TEST_F(RouterTest, pid_echo_keeps_descriptor_port_and_ip_in_place) {
-    Configure("route 30 SysTCPPAS echo listen 127.0.0.1:1\n");
-    int ring = Fifo("4243", comp::kFifoPidNotify);
+    // By pid: descriptor, port and IP stay in place.
     Route(PlatMsg(4243, 30, 9, 6000, "10.9.8.7", "0002hi"));
     ASSERT_EQ(Answer(4243), 64 + 6) << Trace();
-    EXPECT_EQ(Int32At(buf->caText, p::kSock), 9);
-    EXPECT_EQ(Int32At(buf->caText, p::kPort), 6000);
-    EXPECT_STREQ(buf->caText + p::kIp, "10.9.8.7");
-    EXPECT_EQ(Rings(ring), 1);
-}
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 9);
+    EXPECT_EQ(At<int32_t>(t, p::kPort), 6000);
+    EXPECT_STREQ(t + p::kIp, "10.9.8.7");
 
-TEST_F(RouterTest, route_addressed_echo_rings_the_route_instances_in_turn) {
-    Configure("route 20 SysTCPPC echo\n");
-    int one = Fifo("20_1", comp::kFifoRouteNotify);
-    int two = Fifo("20_2", comp::kFifoRouteNotify);
+    // By route: typed with the route number, its instances rung in turn.
     Route(PlatMsg(5000, 20, 3, 7020, "127.0.0.1", "0001a"));
     Route(PlatMsg(5000, 20, 3, 7020, "127.0.0.1", "0001b"));
     EXPECT_EQ(Answer(5000), 0) << "route-addressed modes read by route, not by pid";
     ASSERT_EQ(Answer(20), 69) << Trace();
-    EXPECT_EQ(buf->caText[64 + 4], 'a');
+    EXPECT_EQ(t[64 + 4], 'a');
     ASSERT_EQ(Answer(20), 69);
-    EXPECT_EQ(Rings(one), 1);
-    EXPECT_EQ(Rings(two), 1);
+    for (int fd : rings) EXPECT_EQ(Rings(fd), 1);
 }
 
 TEST_F(RouterTest, relayed_answers_return_to_the_requests_in_order) {
     Configure("route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\n");
     int tsRing = Fifo("4242", comp::kFifoPidNotify);
     int tcRing = Fifo("20_1", comp::kFifoRouteNotify);
+    const char* t = buf->caText;
     Route(PlatMsg(4242, 10, 7, 5001, "10.0.0.1", "0001A"));
     Route(PlatMsg(4242, 10, 8, 5002, "10.0.0.2", "0001B"));
     ASSERT_EQ(Answer(20), 69) << Trace();
-    EXPECT_EQ(Int32At(buf->caText, p::kSock), 7) << "the request goes to the client route as it came";
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 7) << "the request goes to the client route as it came";
     ASSERT_EQ(Answer(20), 69);
     EXPECT_EQ(Rings(tcRing), 2);
     EXPECT_EQ(router->book().waiting(20), 2u);
@@ -162,12 +121,12 @@ TEST_F(RouterTest, relayed_answers_return_to_the_requests_in_order) {
     Route(PlatMsg(6000, 20, 4, 7020, "127.0.0.1", "0002ra"));
     Route(PlatMsg(6000, 20, 5, 7020, "127.0.0.1", "0002rb"));
     ASSERT_EQ(Answer(4242), 70) << Trace();
-    EXPECT_EQ(Int32At(buf->caText, p::kSock), 7);
-    EXPECT_STREQ(buf->caText + p::kPort, "10.0.0.1");
-    EXPECT_EQ(std::string(buf->caText + 64, 6), "0002ra");
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 7);
+    EXPECT_STREQ(t + p::kPort, "10.0.0.1");
+    EXPECT_EQ(std::string(t + 64, 6), "0002ra");
     ASSERT_EQ(Answer(4242), 70);
-    EXPECT_EQ(Int32At(buf->caText, p::kSock), 8);
-    EXPECT_STREQ(buf->caText + p::kPort, "10.0.0.2");
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 8);
+    EXPECT_STREQ(t + p::kPort, "10.0.0.2");
     EXPECT_EQ(Rings(tsRing), 2);
     EXPECT_EQ(router->book().waiting(20), 0u);
 
@@ -190,9 +149,8 @@ TEST_F(RouterTest, notifications_are_traced_and_not_answered) {
     Configure("route 10 SysTCPPAS echo listen 127.0.0.1:1\n");
     Fifo("4242", comp::kFifoPidNotify);
     std::string body(68, '\0');
-    std::memcpy(&body[0], "N001", 4);
-    std::memcpy(&body[4], "10.0.0.9", 8);
-    std::memcpy(&body[20], "0.0.0.0", 7);
+    body.replace(0, 12, "N00110.0.0.9");
+    body.replace(20, 7, "0.0.0.0");
     Route(PlatMsg(4242, 10, 7, 5009, "10.0.0.9", body, 1));
     EXPECT_EQ(Answer(0), 0);
     ASSERT_FALSE(trace.empty());
@@ -201,49 +159,102 @@ TEST_F(RouterTest, notifications_are_traced_and_not_answered) {
 
 TEST(RelayBook, forgets_requests_past_their_age) {
     kit::RelayBook book;
-    book.push(20, {std::vector<char>(64), kit::AnswerForm::kTsPeerIpAt24, 1000});
-    book.push(20, {std::vector<char>(64), kit::AnswerForm::kTsPeerIpAt24, 5000});
+    for (int64_t since : {1000, 5000}) book.push(20, {std::vector<char>(64), kit::AnswerForm::kTsPeerIpAt24, since});
     EXPECT_EQ(book.expire(6001, 2000), 1);
     EXPECT_EQ(book.waiting(20), 1u);
 }
 
-}  // namespace
-
-namespace {
-
-// The TS answer form against the real mode: the router's answer finds the
-// connection that asked.
-class RouterWithComp : public comptest::PlatformTest {};
-
-TEST_F(RouterWithComp, ts_answer_form_reaches_the_client_that_asked) {
-    const int port = comptest::FreeLoopbackPort();
-    comptest::PlatformSetup setup;
-    setup.routes = {comptest::MakeRouteRow(10, "127.0.0.1:" + std::to_string(port), "0")};
-    StartPlatform(setup);
-    const size_t ts = StartComp({"SysTCPTS", "10", "1", "0", "kit10_1"});
-    kit::UniqueFd client;
-    std::string why;
-    for (int i = 0; i < 100 && !client.valid(); ++i) {
-        client.reset(kit::ConnectTo("127.0.0.1", port, 1000, &why));
-        if (!client.valid()) kit::SleepMs(50);
+TEST(KitConfig, mistakes_are_reported_with_their_line) {
+    struct Case {
+        const char* text;
+        const char* what;
+    } cases[] = {
+        {"route 10 SysTCPXX\n", "compkit.cfg:1: unknown mode 'SysTCPXX'"},
+        {"\nroute 100 SysTCPTS\n", "compkit.cfg:2: route id '100' is not 1..99"},
+        {"route 30 SysTCPPS echo\n", "compkit.cfg:1: SysTCPPS shares a listener"},
+        {"route 10 SysTCPTS listen 1.2.3.4:5\n", "does not take a listener"},
+        {"route 10 SysTCPTS relay 20\n", "compkit.cfg:1: relay target route 20 is not configured"},
+        {"route 10 SysTCPTS relay 20\nroute 20 SysTCPTS\n", "must be a client route"},
+        {"route 10 SysTCPTS relay 20\nroute 11 SysTCPTS relay 20\nroute 20 SysTCPTC\n", "already serves another relay"},
+        {"route 10 SysTCPTS relay 20\nroute 20 SysTCPTC echo\n", "compkit.cfg:2: route 20 serves a relay"},
+        {"instance 10 1\n", "compkit.cfg:1: route 10 has no route line"},
+        {"route 10 SysTCPTS\ninstance 10 1\ninstance 10 1\n", "compkit.cfg:3: instance 1 of route 10 is listed twice"},
+        {"start everything\n", "compkit.cfg:1: unknown line 'start'"},
+    };
+    for (const Case& c : cases) {
+        kit::KitConfig cfg;
+        std::string why;
+        EXPECT_FALSE(kit::ParseKitConfig(c.text, "compkit.cfg", &cfg, &why)) << c.text;
+        EXPECT_NE(why.find(c.what), std::string::npos) << why;
     }
-    ASSERT_TRUE(client.valid()) << why << CompOutput(ts) << AllLogs();
-    ASSERT_EQ(write(client.get(), "0005hello", 9), 9);
+}
 
-    auto buf = std::make_unique<QueueMsg>();
-    const int len = ReadToTranp(buf.get(), comp(ts).pid, 5000);
-    ASSERT_EQ(len, 64 + 9) << AllLogs();
-    kit::Delivery d;
-    ASSERT_TRUE(kit::BuildAnswer(kit::AnswerForm::kTsPeerIpAt24, buf->caText, "0002ok", 6, &d.text));
-    d.type = comp(ts).pid;
-    d.fifoKind = comp::kFifoPidNotify;
-    d.fifoName = std::to_string(comp(ts).pid);
-    ASSERT_TRUE(DeliverToComp(d));
+TEST(Framing, every_length_encoding_is_written_as_routes_read_it_and_survives_single_byte_reads) {
+    const std::pair<const char*, std::string> cases[] = {
+        // rule, the header of a 5-byte body (padded with '0')
+        {"4,0,4,0", "0005"},
+        {"8,2,4,1", std::string("00\0\0\0\x05" "00", 8)},
+        {"6,4,2,2,1", std::string("0000\x05\0", 6)},  // host byte order
+        {"10,0,4,3,0,-10", std::string("\0\0\0\x0f" "000000", 10)},
+        {"5,1,3,0,0,2", "00030"},
+    };
+    for (const auto& [rule, header] : cases) {
+        std::string why;
+        auto f = kit::Framing::Parse(rule, &why);
+        ASSERT_TRUE(f) << rule << ": " << why;
+        std::vector<char> m = f->encode("hello");
+        EXPECT_EQ(std::string(m.begin(), m.end()), header + "hello") << rule;
+        const std::vector<std::string> sent{"hello", "", std::string(300, 'x')};
+        std::vector<char> stream;
+        for (const std::string& body : sent) {
+            m = f->encode(body);
+            stream.insert(stream.end(), m.begin(), m.end());
+        }
+        kit::FrameReader reader(*f);
+        std::vector<std::string> bodies;
+        for (char c : stream) {
+            reader.feed(&c, 1);
+            bool bad = false;
+            if (auto got = reader.next(&bad)) bodies.emplace_back(got->begin() + f->headerLen, got->end());
+            ASSERT_FALSE(bad) << rule;
+        }
+        EXPECT_EQ(bodies, sent) << rule;
+    }
+    std::string why;
+    EXPECT_FALSE(kit::Framing::Parse("4,2,4,1", &why)) << "a 32-bit field past the header";
+    EXPECT_FALSE(kit::Framing::Parse("4,0,4,7", &why));
+    EXPECT_EQ(kit::Framing::Parse("2,0,2,2", &why)->bodyLength("\xFF\xFF"), -1) << "past 65,535 bytes";
+    EXPECT_EQ(kit::Framing::Parse("4,0,4,0,0,-10", &why)->bodyLength("0005"), -1) << "a negative body length";
+}
 
-    std::vector<char> answer;
-    kit::Framing f;
-    EXPECT_TRUE(kit::ReadFramed(client.get(), f, 5000, &answer, &why)) << why << AllLogs();
-    EXPECT_EQ(std::string(answer.begin(), answer.end()), "0002ok");
+TEST(NetTools, send_gets_the_echo_server_answer_with_the_route_framing_of_tables_cfg) {
+    comptest::TempRunDir run;
+    run.write("etc/tables.cfg",
+              "[PLAT_STATICROUTEINF]\nROUTEID HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE MSGLENINTEL\n"
+              "10 6 2 4 2 0\n");
+    const int port = comptest::FreeLoopbackPort();
+    const std::string addr = "127.0.0.1:" + std::to_string(port);
+    kit::SpawnOptions server;
+    server.path = comptest::CompkitBinary();
+    server.argv = {server.path, "echo-server", addr, "--rundir", run.path(), "--route", "10", "--prefix", "re:"};
+    server.outputPath = run.file("log/echo.out");
+    std::string why;
+    const pid_t srv = kit::Spawn(server, &why);
+    ASSERT_GT(srv, 0) << why;
+    for (int i = 0; i < 100 && comptest::ReadFile(server.outputPath).find("listening") == std::string::npos; ++i)
+        kit::SleepMs(20);
+
+    kit::SpawnOptions send;
+    send.path = server.path;
+    send.argv = {send.path, "send", addr, "--rundir", run.path(), "--route", "10", "--header", "HDR", "hi", "there"};
+    send.outputPath = run.file("log/send.out");
+    const pid_t cli = kit::Spawn(send, &why);
+    int status = -1;
+    EXPECT_TRUE(kit::WaitChild(cli, 10000, &status));
+    kit::StopChild(srv, 3000);
+    const std::string out = comptest::ReadFile(send.outputPath);
+    EXPECT_EQ(status, 0) << out << comptest::ReadFile(server.outputPath);
+    EXPECT_NE(out.find("answer header \"HDR0\\x00\\x0B\" body \"re:hi there\""), std::string::npos) << out;
 }
 
 }  // namespace

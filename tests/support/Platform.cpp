@@ -2,21 +2,23 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <sstream>
 
 #include "comp/SysGlobals.h"
+#include "kit/Framing.h"
 #include "kit/KitIpc.h"
 #include "kit/KitProc.h"
 #include "kit/KitUtil.h"
+#include "kit/NetTools.h"
 
 namespace comptest {
 
@@ -33,28 +35,121 @@ std::string Today() {
     std::snprintf(buf, sizeof buf, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
     return buf;
 }
-}  // namespace
-
-namespace {
-std::string& BuildDirStore() {
-    static std::string dir;
-    return dir;
+sockaddr_in Loopback(const std::string& ip, int port) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, ip.c_str(), &sa.sin_addr);
+    return sa;
+}
+// tables.cfg: the variables, then one route header naming every column that
+// some row sets, "-" where a row has none.
+std::string TablesCfgText(const PlatformSetup& setup) {
+    std::ostringstream s;
+    s << "[VARSTABLE]\nVARSNAME VARSVALUE\n";
+    for (const auto& [name, value] : setup.vars) s << name << " \"" << value << "\"\n";
+    if (setup.routes.empty()) return s.str();
+    std::vector<std::string> cols;
+    for (const RouteRow& r : setup.routes)
+        for (const auto& [c, v] : r)
+            if (std::find(cols.begin(), cols.end(), c) == cols.end()) cols.push_back(c);
+    s << "[PLAT_STATICROUTEINF]\n";
+    for (const std::string& c : cols) s << c << " ";
+    s << "\n";
+    for (const RouteRow& r : setup.routes) {
+        for (const std::string& c : cols) {
+            auto it = r.find(c);
+            s << (it == r.end() || it->second.empty() ? "-" : "\"" + it->second + "\"") << " ";
+        }
+        s << "\n";
+    }
+    return s.str();
 }
 }  // namespace
 
-void SetBuildDir(const char* pcDir) { BuildDirStore() = pcDir; }
-const std::string& BuildDir() { return BuildDirStore(); }
-
 int FreeLoopbackPort() {
-    kit::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int port = 0;
+    Listen(&port);
+    return port;
+}
+
+comp::UniqueFd Connect(int port, const std::string& from) {
+    const sockaddr_in local = Loopback(from, 0), to = Loopback("127.0.0.1", port);
+    for (int i = 0; i < 100; ++i, usleep(50 * 1000)) {
+        comp::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 &&
+            connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0)
+            return fd;
+    }
+    return comp::UniqueFd();
+}
+
+comp::UniqueFd Listen(int* port) {
+    comp::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in sa = Loopback("127.0.0.1", *port);
     socklen_t len = sizeof sa;
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+    int one = 1;
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(fd.get(), 16) != 0 ||
         getsockname(fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-        return -1;
+        return comp::UniqueFd();
+    *port = ntohs(sa.sin_port);
+    return fd;
+}
+
+comp::UniqueFd Accept(int listener, int timeoutMs) {
+    pollfd p{listener, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) != 1) return comp::UniqueFd();
+    return comp::UniqueFd(accept(listener, nullptr, nullptr));
+}
+
+bool Send(int fd, const std::string& data) {
+    return send(fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
+}
+
+std::string ReadUntilClose(int fd, int timeoutMs, bool* closed) {
+    std::string out;
+    const int64_t deadline = kit::NowMs() + timeoutMs;
+    if (closed) *closed = false;
+    for (int64_t left; (left = deadline - kit::NowMs()) > 0;) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+        char buf[4096];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) {
+            if (closed) *closed = true;
+            break;
+        }
+        out.append(buf, static_cast<size_t>(n));
+    }
+    return out;
+}
+
+std::string ReadFrame(int fd, int timeoutMs) {
+    std::vector<char> msg;
+    std::string why;
+    return kit::ReadFramed(fd, kit::Framing{}, timeoutMs, &msg, &why) ? std::string(msg.begin(), msg.end()) : "";
+}
+
+int LocalPort(int fd) {
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
     return ntohs(sa.sin_port);
+}
+
+bool WaitForPath(const std::string& path, int timeoutMs) {
+    for (int waited = 0; access(path.c_str(), F_OK) != 0; waited += 10) {
+        if (waited >= timeoutMs) return false;
+        usleep(10 * 1000);
+    }
+    return true;
+}
+
+std::string Frame(const std::string& body) {
+    char h[16];
+    std::snprintf(h, sizeof h, "%04zu", body.size());
+    return h + body;
 }
 
 RouteRow MakeRouteRow(int route, const std::string& ipPort, const std::string& msgSndType) {
@@ -101,33 +196,9 @@ std::string PlatformTest::SysCfgText(int tableSegmentBytes) const {
     return s.str();
 }
 
-std::string PlatformTest::TablesCfgText(const PlatformSetup& setup) const {
-    std::ostringstream s;
-    s << "[VARSTABLE]\nVARSNAME VARSVALUE\n";
-    for (const auto& [name, value] : setup.vars) s << name << " \"" << value << "\"\n";
-    if (setup.routes.empty()) return s.str();
-    // One header naming every column that some row sets; "-" where a row has none.
-    std::vector<std::string> cols;
-    for (const RouteRow& r : setup.routes)
-        for (const auto& [c, v] : r)
-            if (std::find(cols.begin(), cols.end(), c) == cols.end()) cols.push_back(c);
-    s << "[PLAT_STATICROUTEINF]\n";
-    for (const std::string& c : cols) s << c << " ";
-    s << "\n";
-    for (const RouteRow& r : setup.routes) {
-        for (const std::string& c : cols) {
-            auto it = r.find(c);
-            s << (it == r.end() || it->second.empty() ? "-" : "\"" + it->second + "\"") << " ";
-        }
-        s << "\n";
-    }
-    return s.str();
-}
-
 void PlatformTest::StartPlatform(const PlatformSetup& setup) {
-    run.write("etc/sys.cfg", SysCfgText(setup.tableSegmentBytes));
-    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL " + std::to_string(setup.logLevel) + "\n" + setup.extraAppVars +
-                                 (setup.extraAppVars.empty() || setup.extraAppVars.back() == '\n' ? "" : "\n") + "[]\n");
+    run.write("etc/sys.cfg", SysCfgText());
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n[]\n");
     run.write("etc/tables.cfg", TablesCfgText(setup));
     std::vector<std::string> notes;
     std::string why;
@@ -166,12 +237,7 @@ int PlatformTest::WaitComp(size_t i, int timeoutMs) {
 
 void PlatformTest::StopComp(size_t i) {
     CompProc& p = comps_[i];
-    if (p.reaped || p.pid <= 0) return;
-    kill(p.pid, SIGTERM);
-    if (!kit::WaitChild(p.pid, kStopGraceMs, &p.status)) {
-        kill(p.pid, SIGKILL);
-        kit::WaitChild(p.pid, kStopGraceMs, &p.status);
-    }
+    if (!p.reaped) kit::StopChild(p.pid, kStopGraceMs);
     p.reaped = true;
 }
 
@@ -189,21 +255,10 @@ std::string PlatformTest::AllLogs() const {
     return all;
 }
 
-int PlatformTest::ReadToTranp(QueueMsg* buf, long type, int timeoutMs) {
-    int n = kit::ReadQueue(QueueId(comp::kQueueToTranp), type, buf, timeoutMs);
-    return n < 0 ? 0 : n;
-}
-
-int PlatformTest::ReadCommonp(QueueMsg* buf, long type, int timeoutMs) {
-    int n = kit::ReadQueue(QueueId(comp::kQueueCommonp), type, buf, timeoutMs);
-    return n < 0 ? 0 : n;
-}
-
-bool PlatformTest::DeliverToComp(const kit::Delivery& d) {
+void PlatformTest::DeliverToComp(long type, int fifoKind, const std::string& fifoName, const std::vector<char>& text) {
+    kit::Delivery d{type, text, fifoKind, fifoName};
     std::string why;
-    bool ok = kit::Deliver(QueueId(comp::kQueueFromTranp), d, &why);
-    EXPECT_TRUE(ok) << why;
-    return ok;
+    EXPECT_TRUE(kit::Deliver(QueueId(comp::kQueueFromTranp), d, &why)) << why;
 }
 
 }  // namespace comptest

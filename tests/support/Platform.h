@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -17,18 +19,12 @@
 #include "TestEnv.h"
 #include "comp/SysTypes.h"
 #include "kit/Router.h"
+#include "util/FdUtil.h"
 
 namespace comptest {
 
-// The build tree, where comp and compkit are: the test executables are
-// compiled with COMP_BINARY_DIR, and each of them registers it at start.
-void SetBuildDir(const char* pcDir);
-const std::string& BuildDir();
-#ifdef COMP_BINARY_DIR
-inline const bool g_bBuildDirKnown = (SetBuildDir(COMP_BINARY_DIR), true);
-#endif
-inline std::string CompBinary() { return BuildDir() + "/comp"; }
-inline std::string CompkitBinary() { return BuildDir() + "/tools/compkit"; }
+inline std::string CompBinary() { return COMP_BINARY_DIR "/comp"; }
+inline std::string CompkitBinary() { return COMP_BINARY_DIR "/tools/compkit"; }
 
 // A loopback TCP port that was free a moment ago.
 int FreeLoopbackPort();
@@ -45,9 +41,6 @@ struct PlatformSetup {
     std::vector<RouteRow> routes;
     std::map<std::string, std::string> vars{
         {"MAX_COM_NUM", "1024"}, {"LIVEMSGTYPE", "0602"}, {"OFFLINEMODE", "0"}, {"KERNEL_BACKLOG", "128"}};
-    int logLevel = 1;                        // app.cfg LOG_LEVEL
-    std::string extraAppVars;                // more "NAME VALUE" lines for [APPVARS]
-    int tableSegmentBytes = 1048576;
 };
 
 // A comp process started by the fixture.
@@ -68,8 +61,7 @@ protected:
     // when that does not work).
     void StartPlatform(const PlatformSetup& setup = {});
     // The sys.cfg text for this fixture's keys.
-    std::string SysCfgText(int tableSegmentBytes) const;
-    std::string TablesCfgText(const PlatformSetup& setup) const;
+    std::string SysCfgText(int tableSegmentBytes = 1048576) const;
 
     // Id of the queue of [QRESOURCE] index `index` (6, 7, 8, 9, 10, 12).
     int QueueId(int index) const;
@@ -91,26 +83,47 @@ protected:
 
     // The router's side. Reads one message of `type` (0: any) from queue 7
     // (to TranP) or queue 6 (to Commonp); the text length, 0 on time-out.
-    int ReadToTranp(QueueMsg* buf, long type, int timeoutMs);
-    int ReadCommonp(QueueMsg* buf, long type, int timeoutMs);
-    // Queues on queue 8 and rings the delivery's FIFO; fails the test when it cannot.
-    bool DeliverToComp(const kit::Delivery& d);
+    int ReadToTranp(QueueMsg* buf, long type, int timeoutMs) { return Read(comp::kQueueToTranp, buf, type, timeoutMs); }
+    int ReadCommonp(QueueMsg* buf, long type, int timeoutMs) { return Read(comp::kQueueCommonp, buf, type, timeoutMs); }
+    // Queues text of `type` on queue 8 and rings FIFO "<fifoKind>_<fifoName>";
+    // fails the test when it cannot.
+    void DeliverToComp(long type, int fifoKind, const std::string& fifoName, const std::vector<char>& text);
 
     TempRunDir run;
     IpcKeys keys;
 
 private:
+    int Read(int index, QueueMsg* buf, long type, int timeoutMs) {
+        return std::max(0, kit::ReadQueue(QueueId(index), type, buf, timeoutMs));
+    }
     std::vector<CompProc> comps_;
     std::map<int, key_t> queueKeys_;
     key_t semKey_ = 0, registryKey_ = 0, tablesKey_ = 0;
     bool up_ = false;
 };
 
-// Skips the test, with the reason, when 64 KiB queue messages cannot be had.
-#define COMP_REQUIRE_BIG_MESSAGES()                                        \
-    do {                                                                   \
-        std::string why_;                                                  \
-        if (!comptest::EnsureBigQueueMessages(&why_)) GTEST_SKIP() << why_; \
-    } while (0)
+// Scripted TCP peers. Connect comes from the loopback address `from` and
+// retries while the listener comes up; Listen binds *port, or with 0 a port
+// the kernel picks and stores it in *port.
+comp::UniqueFd Connect(int port, const std::string& from = "127.0.0.1");
+comp::UniqueFd Listen(int* port);
+comp::UniqueFd Accept(int listener, int timeoutMs);
+bool Send(int fd, const std::string& data);
+// Everything the peer sends until it closes or timeoutMs pass; *closed tells which.
+std::string ReadUntilClose(int fd, int timeoutMs, bool* closed = nullptr);
+// One message in the test framing (see Frame), or "" when none came.
+std::string ReadFrame(int fd, int timeoutMs);
+int LocalPort(int fd);
+bool WaitForPath(const std::string& path, int timeoutMs);
+// "NNNN" + body: the framing of MakeRouteRow (4 decimal digits of body length).
+std::string Frame(const std::string& body);
+
+// A value of type T at byte offset off.
+template <typename T>
+T At(const char* p, int off) {
+    T v{};
+    std::memcpy(&v, p + off, sizeof v);
+    return v;
+}
 
 }  // namespace comptest

@@ -1,48 +1,62 @@
-// Builds table-segment images (runs of TableRecords ended by a record with an
-// empty table name) for tests and the stand-in platform, and writes them
-// into System V shared memory.
+// Table-segment images for tests: rows as TableRecords (PLAT_STATICROUTEINF
+// rows with column i's value at 32 * i, other tables' values packed one after
+// the other so that tests can reach the ends of the value area), ended by a
+// record with an empty table name, written into System V shared memory.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/shm.h>
 
+#include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "TestEnv.h"
+#include "kit/TableRecordLayout.h"
 
 namespace comptest {
 
-class IpcKeys;
-
 class TableImage {
 public:
-    // Appends one row. Rows of PLAT_STATICROUTEINF are laid out as a
-    // RouteRecord (column i's value at 32 * i, 896-byte row image); the values
-    // of other tables are packed one after the other, each NUL-terminated, so
-    // that tests can reach the ends of the value area.
-    // Throws std::invalid_argument when the row does not fit a TableRecord.
+    // Appends one row; throws std::invalid_argument when it does not fit a TableRecord.
     TableImage& append(const std::string& table, const std::vector<std::string>& columns,
-                       const std::vector<std::string>& values);
-    // A PLAT_STATICROUTEINF row with the columns of g_pcaRouteColumns;
-    // missing trailing values are empty.
-    TableImage& appendRoute(const std::vector<std::string>& values);
-    // A VARSTABLE row (VARSNAME, VARSVALUE).
-    TableImage& appendVar(const std::string& name, const std::string& value);
-
+                       const std::vector<std::string>& values) {
+        TableRecord rec;
+        std::string why;
+        const bool route = table == "PLAT_STATICROUTEINF";
+        if (!kit::FillTableRecord(&rec, table, columns, values,
+                                  route ? kit::RowLayout::kColumns32 : kit::RowLayout::kPacked, &why))
+            throw std::invalid_argument(why);
+        records_.push_back(rec);
+        return *this;
+    }
+    // A PLAT_STATICROUTEINF row by column position; missing trailing values are empty.
+    TableImage& appendRoute(std::vector<std::string> values) {
+        values.resize(comp::kRouteFields);
+        return append("PLAT_STATICROUTEINF", {g_pcaRouteColumns, g_pcaRouteColumns + comp::kRouteFields}, values);
+    }
+    TableImage& appendVar(const std::string& name, const std::string& value) {
+        return append("VARSTABLE", {"VARSNAME", "VARSVALUE"}, {name, value});
+    }
     // The rows appended so far, for tests that damage a record on purpose.
     std::vector<TableRecord>& records() { return records_; }
-    const std::vector<TableRecord>& records() const { return records_; }
 
-    // The rows followed by the end record.
-    std::vector<TableRecord> image() const;
-    std::size_t imageBytes() const { return (records_.size() + 1) * sizeof(TableRecord); }
-
-    // Copies the image into an existing segment at least imageBytes() long;
-    // false when it cannot be attached or is too small.
-    bool writeTo(int iShmId) const;
-    // Creates a segment under a key from keys, fills it, and returns its id
-    // (-1 on failure). iExtraBytes leaves room for rows written later.
-    int createShm(IpcKeys& keys, key_t* pKey = nullptr, std::size_t iExtraBytes = 0) const;
+    // Copies the rows and the end record into a segment that holds them.
+    bool writeTo(int iShmId) const {
+        std::vector<TableRecord> all(records_);
+        all.push_back(TableRecord{});
+        struct shmid_ds info {};
+        if (shmctl(iShmId, IPC_STAT, &info) != 0 || info.shm_segsz < all.size() * sizeof(TableRecord)) return false;
+        void* pvAddr = shmat(iShmId, nullptr, 0);
+        if (pvAddr == reinterpret_cast<void*>(-1)) return false;
+        std::memcpy(pvAddr, all.data(), all.size() * sizeof(TableRecord));
+        return shmdt(pvAddr) == 0;
+    }
+    // A new segment under a key from keys, filled; its id, or -1.
+    int createShm(IpcKeys& keys) const {
+        const int iId = keys.newShm(static_cast<int>((records_.size() + 1) * sizeof(TableRecord)));
+        return iId >= 0 && writeTo(iId) ? iId : -1;
+    }
 
 private:
     std::vector<TableRecord> records_;

@@ -1,6 +1,8 @@
 #include "TestEnv.h"
 
 #include "comp/SysGlobals.h"
+#include "kit/KitIpc.h"
+#include "kit/KitUtil.h"
 
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -12,7 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -27,19 +28,6 @@ void SetOrUnset(const char* name, bool had, const std::string& value) {
         setenv(name, value.c_str(), 1);
     else
         unsetenv(name);
-}
-
-long ReadSysctl(const char* path) {
-    std::ifstream in(path);
-    long v = -1;
-    in >> v;
-    return v;
-}
-
-bool WriteSysctl(const char* path, long value) {
-    std::ofstream out(path);
-    out << value;
-    return static_cast<bool>(out);
 }
 }  // namespace
 
@@ -82,15 +70,8 @@ void ResetGlobals() {
                       run);
 }
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return "";
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string ReadFile(const std::string& path) { return kit::ReadWholeFile(path).value_or(""); }
 
-IpcKeys::IpcKeys() = default;
 IpcKeys::~IpcKeys() { removeAll(); }
 
 key_t IpcKeys::next() {
@@ -102,25 +83,22 @@ key_t IpcKeys::next() {
     return k;
 }
 
-int IpcKeys::newQueue(key_t* pKey) {
-    key_t k = next();
+key_t IpcKeys::take(key_t* pKey) {
+    const key_t k = next();
     if (pKey) *pKey = k;
-    return msgget(k, IPC_CREAT | IPC_EXCL | 0666);
+    return k;
+}
+
+int IpcKeys::newQueue(key_t* pKey) { return msgget(take(pKey), IPC_CREAT | IPC_EXCL | 0666); }
+
+int IpcKeys::newShm(int size, key_t* pKey) {
+    return shmget(take(pKey), static_cast<size_t>(size), IPC_CREAT | IPC_EXCL | 0666);
 }
 
 int IpcKeys::newSemSet(int nsems, int value, key_t* pKey) {
-    key_t k = next();
-    if (pKey) *pKey = k;
-    int id = semget(k, nsems, IPC_CREAT | IPC_EXCL | 0666);
-    if (id < 0) return id;
-    for (int i = 0; i < nsems; ++i) semctl(id, i, SETVAL, value);
+    const int id = semget(take(pKey), nsems, IPC_CREAT | IPC_EXCL | 0666);
+    for (int i = 0; id >= 0 && i < nsems; ++i) semctl(id, i, SETVAL, value);
     return id;
-}
-
-int IpcKeys::newShm(int size, key_t* pKey) {
-    key_t k = next();
-    if (pKey) *pKey = k;
-    return shmget(k, static_cast<size_t>(size), IPC_CREAT | IPC_EXCL | 0666);
 }
 
 void IpcKeys::removeAll() {
@@ -134,25 +112,9 @@ void IpcKeys::removeAll() {
 }
 
 bool EnsureBigQueueMessages(std::string* why) {
-    constexpr long kNeedMax = 65540, kNeedMnb = 1048576;
-    long mx = ReadSysctl("/proc/sys/kernel/msgmax");
-    long mnb = ReadSysctl("/proc/sys/kernel/msgmnb");
-    if (mx >= kNeedMax && mnb >= kNeedMnb) return true;
-    if (geteuid() == 0) {
-        if (mx < kNeedMax) WriteSysctl("/proc/sys/kernel/msgmax", kNeedMax);
-        if (mnb < kNeedMnb) WriteSysctl("/proc/sys/kernel/msgmnb", kNeedMnb);
-        mx = ReadSysctl("/proc/sys/kernel/msgmax");
-        mnb = ReadSysctl("/proc/sys/kernel/msgmnb");
-        if (mx >= kNeedMax && mnb >= kNeedMnb) return true;
-    }
-    if (why) {
-        char buf[256];
-        std::snprintf(buf, sizeof buf,
-                      "64 KiB queue messages need kernel.msgmax >= %ld (is %ld) and kernel.msgmnb >= %ld (is %ld)",
-                      kNeedMax, mx, kNeedMnb, mnb);
-        *why = buf;
-    }
-    return false;
+    std::vector<std::string> lines = kit::EnsureQueueLimits();
+    for (const std::string& l : lines) *why += l + "\n";
+    return lines.empty();
 }
 
 }  // namespace comptest

@@ -3,11 +3,31 @@
 #pragma once
 
 #include <sys/ipc.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "comp/SysTypes.h"
+
 namespace comptest {
+
+// A PlatMsg header field by field, for building and comparing headers byte
+// for byte.
+struct PlatHdr {
+    uint16_t total, kind;
+    int32_t pid, pid2;
+    uint16_t route, route2;
+    int32_t sock, sock2, port;
+    char ip[16], ip2[16];
+    char flag, pad[3];
+    std::string bytes() const { return std::string(reinterpret_cast<const char*>(this), sizeof *this); }
+};
+static_assert(sizeof(PlatHdr) == comp::plat::kHeaderLen && offsetof(PlatHdr, ip) == comp::plat::kIp &&
+              offsetof(PlatHdr, flag) == comp::plat::kFlag);
 
 // A temporary directory with etc/, log/ and fifo/ below it; RUNDIR and HOME
 // point at it while the object lives. Removed recursively on destruction.
@@ -33,7 +53,7 @@ private:
 // queue, semaphore set and segment created under them on destruction.
 class IpcKeys {
 public:
-    IpcKeys();
+    IpcKeys() = default;
     ~IpcKeys();
     IpcKeys(const IpcKeys&) = delete;
     IpcKeys& operator=(const IpcKeys&) = delete;
@@ -43,8 +63,10 @@ public:
     int newSemSet(int nsems, int value, key_t* pKey = nullptr); // created set id
     int newShm(int size, key_t* pKey = nullptr);               // created segment id
     void removeAll();
+    const std::vector<key_t>& all() const { return keys_; }
 
 private:
+    key_t take(key_t* pKey);  // next(), also stored in *pKey
     std::vector<key_t> keys_;
 };
 
@@ -57,5 +79,23 @@ void ResetGlobals();
 std::string ReadFile(const std::string& path);
 // Whether kernel.msgmax allows 64 KiB queue messages (raises it when root).
 bool EnsureBigQueueMessages(std::string* why);
+
+// Runs fn in a child process that exits with fn's result; the child's pid.
+template <typename Fn>
+pid_t ForkChild(Fn fn) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(fn());
+    return pid;
+}
+// Waits for a child; its exit status, or -1 when it did not exit normally.
+inline int ExitStatus(pid_t pid) {
+    int status = 0;
+    if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+template <typename Fn>
+int RunInChild(Fn fn) {
+    return ExitStatus(ForkChild(fn));
+}
 
 }  // namespace comptest

@@ -1,13 +1,16 @@
 // Base fixture of the in-process unit tests: a private run directory and IPC
 // keys, the globals reset, the error and trace logs kept inside the run
-// directory, and no IPC faults armed.
+// directory, and no IPC faults armed. With it, the small helpers the unit
+// tests share.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
+#include <utility>
 
 #include "TestEnv.h"
 #include "comp/SysGlobals.h"
@@ -36,9 +39,28 @@ protected:
             all += ReadFile(e.path().string());
         return all;
     }
+    bool Logged(const std::string& text) const { return Logs().find(text) != std::string::npos; }
+    // g_caMsg from its "]pid[" on, or whole when it has none.
+    static std::string MsgTail() {
+        std::string s = g_caMsg;
+        return s.find("]pid[") == std::string::npos ? s : s.substr(s.find("]pid["));
+    }
 
     TempRunDir run;
     IpcKeys keys;
 };
+
+inline ::testing::AssertionResult Contains(const std::string& text, const std::string& part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "[" << text << "] lacks [" << part << "]";
+}
+
+// A route row with the given fields set.
+inline RouteRecord MakeRoute(std::initializer_list<std::pair<RouteColumn, const char*>> fields) {
+    RouteRecord stRoute{};
+    for (const auto& [col, text] : fields)
+        std::snprintf(stRoute.caField[col], sizeof stRoute.caField[col], "%s", text);
+    return stRoute;
+}
 
 }  // namespace comptest

@@ -1,0 +1,284 @@
+// compkit as a library and a process: up and down (what they create and
+// remove, the state they leave the registry lock in), tables.cfg (its parser,
+// its row images, what the product's lookups find after up), and run (the
+// supervisor with comp as its instances).
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "Platform.h"
+#include "config/SysRscApp.h"
+#include "config/SysTable.h"
+#include "ipc/SysFIFO.h"
+#include "ipc/SysIpc.h"
+#include "kit/KitIpc.h"
+#include "kit/KitProc.h"
+#include "kit/KitUtil.h"
+#include "kit/TablesCfg.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class UpDown : public comptest::PlatformTest {
+protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        run.write("etc/sys.cfg", SysCfgText());
+        run.write("etc/tables.cfg", "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\n");
+    }
+    bool Up() { return kit::PlatformUp(run.path(), &notes, &why); }
+    // "msg|sem|shm key" of every System V object under this test's keys.
+    std::set<std::string> OwnIpcObjects() const {
+        std::set<std::string> out;
+        for (key_t k : keys.all()) {
+            if (msgget(k, 0) >= 0) out.insert("msg " + std::to_string(k));
+            if (semget(k, 0, 0) >= 0) out.insert("sem " + std::to_string(k));
+            if (shmget(k, 0, 0) >= 0) out.insert("shm " + std::to_string(k));
+        }
+        return out;
+    }
+    bool Down() { return kit::PlatformDown(run.path(), &notes, &why); }
+    std::vector<std::string> notes;
+    std::string why;
+};
+
+TEST_F(UpDown, down_removes_everything_up_created_and_the_fifos) {
+    const auto before = OwnIpcObjects();
+    ASSERT_TRUE(Up()) << why;
+    EXPECT_EQ(OwnIpcObjects().size(), before.size() + 6 + 1 + 2);  // queues, lock set, segments
+    if (geteuid() == 0) {
+        msqid_ds ds{};
+        ASSERT_EQ(msgctl(QueueId(8), IPC_STAT, &ds), 0);
+        EXPECT_GE(ds.msg_qbytes, static_cast<msglen_t>(kit::kNeedMsgMnb)) << "root raises the queue size";
+    }
+    // A full queue and an attached segment are removed all the same.
+    auto msg = std::make_unique<QueueMsg>();
+    msg->lMsgType = 1;
+    while (MsgWriteNoWait(QueueId(7), msg.get(), 4096) == 0) {
+    }
+    kit::Resources res;
+    ASSERT_TRUE(kit::ReadResources(run.path(), &res, &why)) << why;
+    char* attached = pcShmAt(shmget(res.shms[1].iKey, 0, 0));
+    ASSERT_NE(attached, nullptr);
+    close(iOpenFIFO("4242", 1));
+    run.write("fifo/notes.txt", "kept");
+
+    ASSERT_TRUE(Down()) << why;
+    SysShmdt(attached);
+    EXPECT_EQ(OwnIpcObjects(), before);
+    EXPECT_FALSE(fs::exists(run.file("fifo/1_4242")));
+    EXPECT_TRUE(fs::exists(run.file("fifo/notes.txt"))) << "only FIFOs are removed";
+    EXPECT_FALSE(fs::exists(kit::ObjectsFile(run.path())));
+
+    // Without the record of what up made, down goes by the keys of sys.cfg.
+    ASSERT_TRUE(Up()) << why;
+    fs::remove(kit::ObjectsFile(run.path()));
+    ASSERT_TRUE(Down()) << why;
+    EXPECT_EQ(OwnIpcObjects(), before);
+}
+
+TEST_F(UpDown, up_refuses_an_object_that_exists_and_leaves_nothing_of_its_own) {
+    ASSERT_TRUE(Up()) << why;
+    EXPECT_FALSE(Up());
+    EXPECT_NE(why.find("compkit down first"), std::string::npos) << why;
+    ASSERT_TRUE(Down()) << why;
+
+    // Someone else's queue under the key of queue 8.
+    const auto before = OwnIpcObjects();
+    const std::string cfg = run.read("etc/sys.cfg");
+    const key_t key8 = static_cast<key_t>(std::stol(cfg.substr(cfg.find("Q8 8 ") + 5)));
+    const int foreign = msgget(key8, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(foreign, 0);
+    EXPECT_FALSE(Up());
+    EXPECT_NE(why.find("exists already"), std::string::npos) << why;
+    EXPECT_EQ(OwnIpcObjects().size(), before.size() + 1) << "only the foreign queue";
+    EXPECT_EQ(msgget(key8, 0), foreign);
+}
+
+TEST_F(UpDown, registry_lock_is_free_after_the_up_process_has_ended) {
+    ASSERT_EQ(comptest::RunInChild([this] { return Up() ? 0 : 1; }), 0);
+    kit::Resources res;
+    ASSERT_TRUE(kit::ReadResources(run.path(), &res, &why)) << why;
+    const int lockSet = semget(res.sems[0].iKey, 0, 0);
+    ASSERT_GE(lockSet, 0);
+    // Formatting released the lock with undo-on-exit; the undo must not take
+    // it again when the process that ran `up` ends.
+    EXPECT_EQ(SemGetValue2(lockSet, 0), 1);
+    EXPECT_TRUE(Down()) << why;
+}
+
+TEST_F(UpDown, up_with_a_bad_row_or_too_small_a_segment_fails_and_creates_nothing) {
+    const struct {
+        int segmentBytes;
+        const char *tables, *why;
+    } cases[] = {
+        {1048576, "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024 extra\n", "tables.cfg:3: row has 3 values"},
+        {6188, "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\n", "need 12376"},  // the end record fits only
+    };
+    for (const auto& c : cases) {
+        run.write("etc/sys.cfg", SysCfgText(c.segmentBytes));
+        run.write("etc/tables.cfg", c.tables);
+        EXPECT_FALSE(Up());
+        EXPECT_NE(why.find(c.why), std::string::npos) << why;
+        for (int idx : {6, 7, 8}) EXPECT_LT(QueueId(idx), 0);
+    }
+}
+
+using TablesRoundTrip = comptest::PlatformTest;
+
+TEST_F(TablesRoundTrip, rows_reach_the_product_lookups_at_their_column_positions) {
+    comptest::PlatformSetup setup;
+    setup.routes = {comptest::MakeRouteRow(10, "127.0.0.1:7010", "0"), comptest::MakeRouteRow(20, "127.0.0.1:7020", "1")};
+    setup.routes[1]["ROUTENAME"] = "tc with blanks";
+    setup.routes[1]["OUTPREHDL"] = "PreOut";
+    setup.vars["MAX_COM_NUM"] = "512";
+    StartPlatform(setup);
+    ASSERT_GE(SysGetShmIdByIndex(2, 2), 0);
+
+    char value[64] = {0};
+    EXPECT_EQ(SysGetValueByTableKey("PLAT_STATICROUTEINF", "IPPORT", value, "ROUTEID", "20", PARA_END), 0);
+    EXPECT_STREQ(value, "127.0.0.1:7020");
+    EXPECT_EQ(SysGetenvByName("MAX_COM_NUM", value), 0);
+    EXPECT_STREQ(value, "512");
+    EXPECT_EQ(SysGetValueByTableKey("PLAT_STATICROUTEINF", "IPPORT", value, "ROUTEID", "30", PARA_END), SQL_NOTFOUND);
+
+    RouteRecord rec;
+    std::memset(&rec, 0, sizeof rec);
+    ASSERT_EQ(SysGetSingleRecord("PLAT_STATICROUTEINF", &rec, "ROUTEID", "20", "ROUTEMONID", "1", PARA_END), 0);
+    EXPECT_STREQ(rec.caField[RT_ROUTEID], "20");
+    EXPECT_STREQ(rec.caField[RT_ROUTENAME], "tc with blanks");
+    EXPECT_STREQ(rec.caField[RT_MSGSNDTYPE], "1");
+    EXPECT_STREQ(rec.caField[RT_HEADERLEN], "4");
+    EXPECT_STREQ(rec.caField[RT_IPPORT], "127.0.0.1:7020");
+    EXPECT_STREQ(rec.caField[RT_OUTPREHDL], "PreOut");
+    EXPECT_STREQ(rec.caField[RT_INPREHDL], "") << "a column left out is empty";
+    EXPECT_EQ(SysGetRecords(0, "PLAT_STATICROUTEINF", nullptr, "NULL", "NULL", PARA_END), 2);
+}
+
+TEST(TablesCfg, column_order_of_the_header_does_not_change_the_row_image) {
+    std::vector<kit::KitTable> a, b;
+    std::string why;
+    ASSERT_TRUE(kit::ParseTablesCfg("[PLAT_STATICROUTEINF]\nROUTEID IPPORT HEADERLEN\n10 1.2.3.4:5 8\n", "t", &a, &why))
+        << why;
+    ASSERT_TRUE(kit::ParseTablesCfg("[plat_staticrouteinf]\nheaderlen routeid ipport routemonid\n8 10 1.2.3.4:5 1\n",
+                                    "t", &b, &why))
+        << why;
+    std::vector<TableRecord> ia = kit::BuildTableImage(a), ib = kit::BuildTableImage(b);
+    ASSERT_EQ(ia.size(), 2u);
+    ASSERT_EQ(ib.size(), 2u);
+    EXPECT_EQ(std::memcmp(&ia[0], &ib[0], sizeof(TableRecord)), 0);
+    // The product's lookups read these records (see the round trip above).
+    EXPECT_STREQ(ia[0].caTableName, "PLAT_STATICROUTEINF");
+    EXPECT_STREQ(ia[0].caValues + 32 * RT_ROUTEMONID, "1") << "ROUTEMONID defaults to 1";
+    EXPECT_EQ(ia[1].caTableName[0], '\0') << "the image ends with an empty record";
+}
+
+TEST(TablesCfg, bad_lines_are_reported_with_their_line_number) {
+    struct Case {
+        const char* text;
+        const char* where;
+        const char* what;
+    } cases[] = {
+        {"[PLAT_STATICROUTEINF]\nROUTEID IPPORT\n10 1.2.3.4:5\n20\n", "tables.cfg:4: ",
+         "row has 1 values but the header names 2 columns"},
+        {"# routes\n[PLAT_STATICROUTEINF]\nROUTEID BOGUS\n", "tables.cfg:3: ", "unknown column BOGUS"},
+        {"[PLAT_STATICROUTEINF]\nIPPORT\n", "tables.cfg:2: ", "needs a ROUTEID column"},
+        {"[VARSTABLE]\nVARSNAME VARSVALUE\nX 01234567890123456789012345678912\n", "tables.cfg:3: ", "at most 31 fit"},
+        {"\nVARSNAME VARSVALUE\n", "tables.cfg:2: ", "before the first"},
+        {"[T]\nA B\n1 \"2\n", "tables.cfg:3: ", "not closed"},
+        {"[T]\nA\n1\n\n[t]\n", "tables.cfg:5: ", "has a section already (line 1)"},
+        {"[T]\nA A\n", "tables.cfg:2: ", "named twice"},
+        {"[T] x\n", "tables.cfg:1: ", "a section line is"},
+    };
+    for (const Case& c : cases) {
+        std::vector<kit::KitTable> t;
+        std::string why;
+        EXPECT_FALSE(kit::ParseTablesCfg(c.text, "tables.cfg", &t, &why)) << c.text;
+        EXPECT_EQ(why.rfind(c.where, 0), 0u) << why;
+        EXPECT_NE(why.find(c.what), std::string::npos) << why;
+    }
+}
+
+class SupervisorTest : public comptest::PlatformTest {
+protected:
+    void TearDown() override {
+        if (supervisor > 0) kit::StopChild(supervisor, 10000);
+        PlatformTest::TearDown();
+    }
+    std::string Output() const { return comptest::ReadFile(run.file("log/run.out")); }
+    // Lines of the output that hold every one of the texts, in this order.
+    std::vector<std::string> Lines(std::initializer_list<std::string> texts) const {
+        std::vector<std::string> out;
+        std::istringstream in(Output());
+        for (std::string line; std::getline(in, line);) {
+            size_t at = 0;
+            for (const std::string& t : texts)
+                if (at != std::string::npos && (at = line.find(t, at)) != std::string::npos) at += t.size();
+            if (at != std::string::npos) out.push_back(line);
+        }
+        return out;
+    }
+    // Waits until `count` lines hold the texts.
+    bool WaitFor(std::initializer_list<std::string> texts, size_t count) {
+        for (const int64_t deadline = kit::NowMs() + 10000; Lines(texts).size() < count; kit::SleepMs(20))
+            if (kit::NowMs() >= deadline) return false;
+        return true;
+    }
+    // Pids of the "started NAME (...) pid N" lines, in order.
+    std::vector<pid_t> Started(const std::string& name) const {
+        std::vector<pid_t> pids;
+        for (const std::string& line : Lines({"started " + name, ") pid "}))
+            pids.push_back(std::stoi(line.substr(line.rfind(' ') + 1)));
+        return pids;
+    }
+
+    pid_t supervisor = -1;
+};
+
+TEST_F(SupervisorTest, restarts_a_killed_instance_and_stops_all_on_sigterm) {
+    comptest::PlatformSetup setup;
+    setup.routes = {comptest::MakeRouteRow(20, "127.0.0.1:1", "1")};
+    StartPlatform(setup);
+    run.write("etc/compkit.cfg", "route 20 SysTCPTC\ninstance 20 1\ninstance 20 2\n");
+    kit::SpawnOptions plan;
+    plan.path = comptest::CompkitBinary();
+    plan.argv = {plan.path, "run", run.path()};
+    plan.outputPath = run.file("log/run.out");
+    std::string why;
+    ASSERT_GT(supervisor = kit::Spawn(plan, &why), 0) << why;
+
+    ASSERT_TRUE(WaitFor({"logon: TC20_"}, 2)) << Output();
+    std::vector<pid_t> first = Started("TC20_1");
+    ASSERT_EQ(first.size(), 1u);
+    ASSERT_EQ(kit::ParentOf(first[0]), supervisor);
+    kill(first[0], SIGKILL);
+
+    ASSERT_TRUE(WaitFor({"TC20_1 pid ", " killed by signal 9; restarting in 1 s"}, 1)) << Output();
+    ASSERT_TRUE(WaitFor({"logon: TC20_1"}, 2)) << Output();
+    std::vector<pid_t> again = Started("TC20_1");
+    ASSERT_EQ(again.size(), 2u);
+    EXPECT_NE(again[1], first[0]);
+    EXPECT_FALSE(fs::exists(run.file("fifo/3_" + std::to_string(first[0]) + "_1")))
+        << "the killed instance's control FIFO is removed";
+
+    std::vector<pid_t> all = Started("TC20_");
+    kill(supervisor, SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(kit::WaitChild(supervisor, 15000, &status));
+    supervisor = -1;
+    EXPECT_EQ(status, 0) << Output();
+    EXPECT_EQ(Lines({"logoff: TC20_1"}).size(), 1u) << "the killed one could not log off" << Output();
+    EXPECT_EQ(Lines({"logoff: TC20_2"}).size(), 1u) << Output();
+    EXPECT_EQ(Lines({"down: ", " IPC objects removed"}).size(), 1u) << Output();
+    for (pid_t pid : all) EXPECT_FALSE(kit::ProcessAlive(pid)) << pid;
+    EXPECT_LT(QueueId(comp::kQueueCommonp), 0) << "the platform was taken down";
+    for (const auto& e : fs::directory_iterator(run.file("fifo"))) EXPECT_FALSE(e.is_fifo()) << e.path();
+}
+
+}  // namespace
