@@ -24,7 +24,7 @@ class ModeTest : public comptest::PlatformTest {
 protected:
     // Brings the platform up with one route of the test framing (with
     // `overrides`), starts comp in `mode` on it and waits for its logon and
-    // its notification FIFO.
+    // for it to serve.
     void Start(const char* mode, int route, int peerPort, comptest::RouteRow overrides) {
         comptest::PlatformSetup setup;
         setup.routes = {comptest::MakeRouteRow(route, "127.0.0.1:" + std::to_string(peerPort),
@@ -34,8 +34,9 @@ protected:
         c = StartComp({mode, std::to_string(route), "1", "0", "e2e_1"});
         ASSERT_GT(ReadCommonp(buf.get(), 2, 5000), 0) << CompOutput(c) << AllLogs();
         pid = comp(c).pid;
-        const std::string fifo = route == kTcRoute ? "fifo/2_20_1" : "fifo/1_" + std::to_string(pid);
-        ASSERT_TRUE(comptest::WaitForPath(run.file(fifo), 5000)) << AllLogs();
+        // Its FIFOs are open (not only made) once it says so.
+        for (int i = 0; i < 500 && CompTraceLog(c).find("Begin Working") == std::string::npos; ++i) usleep(10000);
+        ASSERT_NE(CompTraceLog(c).find("Begin Working"), std::string::npos) << AllLogs();
     }
     // Writes one byte to comp's control FIFO.
     void Control(char cmd) {

@@ -138,14 +138,6 @@ int LocalPort(int fd) {
     return ntohs(sa.sin_port);
 }
 
-bool WaitForPath(const std::string& path, int timeoutMs) {
-    for (int waited = 0; access(path.c_str(), F_OK) != 0; waited += 10) {
-        if (waited >= timeoutMs) return false;
-        usleep(10 * 1000);
-    }
-    return true;
-}
-
 std::string Frame(const std::string& body) {
     char h[16];
     std::snprintf(h, sizeof h, "%04zu", body.size());

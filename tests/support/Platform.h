@@ -114,7 +114,6 @@ std::string ReadUntilClose(int fd, int timeoutMs, bool* closed = nullptr);
 // One message in the test framing (see Frame), or "" when none came.
 std::string ReadFrame(int fd, int timeoutMs);
 int LocalPort(int fd);
-bool WaitForPath(const std::string& path, int timeoutMs);
 // "NNNN" + body: the framing of MakeRouteRow (4 decimal digits of body length).
 std::string Frame(const std::string& body);
 

@@ -41,20 +41,26 @@ public:
     // The rows appended so far, for tests that damage a record on purpose.
     std::vector<TableRecord>& records() { return records_; }
 
-    // Copies the rows and the end record into a segment that holds them.
-    bool writeTo(int iShmId) const {
+    // The rows followed by the end record, and the bytes they take.
+    std::vector<TableRecord> image() const {
         std::vector<TableRecord> all(records_);
         all.push_back(TableRecord{});
+        return all;
+    }
+    std::size_t imageBytes() const { return (records_.size() + 1) * sizeof(TableRecord); }
+
+    // Copies the image into a segment that holds it.
+    bool writeTo(int iShmId) const {
         struct shmid_ds info {};
-        if (shmctl(iShmId, IPC_STAT, &info) != 0 || info.shm_segsz < all.size() * sizeof(TableRecord)) return false;
+        if (shmctl(iShmId, IPC_STAT, &info) != 0 || info.shm_segsz < imageBytes()) return false;
         void* pvAddr = shmat(iShmId, nullptr, 0);
         if (pvAddr == reinterpret_cast<void*>(-1)) return false;
-        std::memcpy(pvAddr, all.data(), all.size() * sizeof(TableRecord));
+        std::memcpy(pvAddr, image().data(), imageBytes());
         return shmdt(pvAddr) == 0;
     }
     // A new segment under a key from keys, filled; its id, or -1.
     int createShm(IpcKeys& keys) const {
-        const int iId = keys.newShm(static_cast<int>((records_.size() + 1) * sizeof(TableRecord)));
+        const int iId = keys.newShm(static_cast<int>(imageBytes()));
         return iId >= 0 && writeTo(iId) ? iId : -1;
     }
 
