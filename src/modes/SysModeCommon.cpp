@@ -5,7 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
+#include <cerrno>
+
 #include "config/SysRscApp.h"
+#include "ipc/SysFIFO.h"
+#include "log/ErrLog.h"
+#include "modes/SysModeLoop.h"
 #include "log/SysTraceLog.h"
 
 namespace comp {
@@ -25,6 +32,19 @@ int ModeMaxComNum() {
 int RouteInt(const RouteRecord& stRoute, RouteColumn eCol) { return std::atoi(stRoute.caField[eCol]); }
 
 const char* RouteText(const RouteRecord& stRoute, RouteColumn eCol) { return stRoute.caField[eCol]; }
+
+bool OpenModeFifos(ModeLoop& loop, int iInstance, const char* pcNotifyName, int iNotifyKind, int* piCtlFd,
+                   int* piNotifyFd) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%d_%d", getpid(), iInstance);
+    *piCtlFd = iOpenFIFO(name, kFifoControl);
+    *piNotifyFd = *piCtlFd < 0 ? -1 : iOpenFIFO(pcNotifyName, iNotifyKind);
+    if (*piCtlFd < 0 || *piNotifyFd < 0 || !loop.AddFixed(*piCtlFd) || !loop.AddFixed(*piNotifyFd)) {
+        COMP_ERRLOG("[%s,%d]iOpenFIFO error,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
 
 int32_t HeaderInt(const char* pcHeader, int iOffset) {
     int32_t v;

@@ -18,6 +18,14 @@ const char* RouteText(const RouteRecord& stRoute, RouteColumn eCol);
 // Seconds since the epoch, as the 32-bit time stamps of the socket tables.
 inline int32_t Now32() { return static_cast<int32_t>(time(nullptr)); }
 
+class ModeLoop;
+
+// Opens the control FIFO "<pid>_<instance>" and the mode's notification FIFO
+// (pcNotifyName of iNotifyKind) and registers both with the loop; false after
+// the "iOpenFIFO error" line.
+bool OpenModeFifos(ModeLoop& loop, int iInstance, const char* pcNotifyName, int iNotifyKind, int* piCtlFd,
+                   int* piNotifyFd);
+
 // Reads a 32-bit integer of a PlatMsg header.
 int32_t HeaderInt(const char* pcHeader, int iOffset);
 

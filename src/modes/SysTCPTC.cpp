@@ -244,14 +244,8 @@ int SysTCPTC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     tc.loop = &*loop;
 
     char name[32];
-    std::snprintf(name, sizeof name, "%d_%d", getpid(), iInstance);
-    tc.ctlFd = iOpenFIFO(name, comp::kFifoControl);
     std::snprintf(name, sizeof name, "%s_%d", pcRouteId, iInstance);
-    tc.routeFd = tc.ctlFd < 0 ? -1 : iOpenFIFO(name, comp::kFifoRouteNotify);
-    if (tc.ctlFd < 0 || tc.routeFd < 0 || !loop->AddFixed(tc.ctlFd) || !loop->AddFixed(tc.routeFd)) {
-        COMP_ERRLOG("[%s,%d]iOpenFIFO error,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
-        return -1;
-    }
+    if (!comp::OpenModeFifos(*loop, iInstance, name, comp::kFifoRouteNotify, &tc.ctlFd, &tc.routeFd)) return -1;
     for (int fd : {tc.ctlFd, tc.routeFd}) {
         tc.rows[fd].fd = fd;
         tc.rows[fd].lastActive = comp::Now32();

@@ -387,14 +387,8 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
         return -1;
     }
     char name[32];
-    std::snprintf(name, sizeof name, "%d_%d", getpid(), iInstance);
-    ts.ctlFd = iOpenFIFO(name, comp::kFifoControl);
     std::snprintf(name, sizeof name, "%d", getpid());
-    ts.notifyFd = ts.ctlFd < 0 ? -1 : iOpenFIFO(name, comp::kFifoPidNotify);
-    if (ts.ctlFd < 0 || ts.notifyFd < 0 || !loop->AddFixed(ts.ctlFd) || !loop->AddFixed(ts.notifyFd)) {
-        COMP_ERRLOG("[%s,%d]iOpenFIFO error,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
-        return -1;
-    }
+    if (!comp::OpenModeFifos(*loop, iInstance, name, comp::kFifoPidNotify, &ts.ctlFd, &ts.notifyFd)) return -1;
     for (int fd : {ts.ctlFd, ts.notifyFd}) {
         ts.rows[fd].fd = fd;
         ts.rows[fd].lastActive = comp::Now32();
