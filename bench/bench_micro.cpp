@@ -30,7 +30,7 @@
 #include "ipc/SysIpc.h"
 #include "kit/KitIpc.h"
 #include "log/SysTraceLog.h"
-#include "modes/SysModeCommon.h"
+#include "modes/ModeSetup.h"
 #include "util/SysTcpBasi.h"
 
 namespace {

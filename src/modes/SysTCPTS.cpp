@@ -1,13 +1,20 @@
 // Short-connection server mode (TS): clients connect, send one request each,
 // get the answer TranP returns for it, and are disconnected.
 //
-//   SysTCPTS          start-up, then the shared loop
-//   TsReady           dispatch: control FIFO, listener, notification FIFO, client
-//   TsControl         quit command
+//   SysTCPTS          start-up: route, table, listener, FIFOs, the loop
+//   TsIdle            a connection silent past the idle time-out is closed
+//   TsControl         every command ends the process
 //   TsAccept          new client: registered, connection log opened
+//   TsAnswer          TranP's doorbell -> SysResponseWork
 //   TsRequest         one framed request -> PlatMsg -> TranP's queue
 //   SysResponseWork   TranP's answer -> the client that asked -> close
-//   TsClose           the one close routine of every path
+//   TsCloseHook       registry and connection log of every close
+//   TsQuit            table, queued messages and notification FIFO
+//
+// A connection that closes while a request of it is still out keeps its
+// descriptor number (the loop holds it with a placeholder) until the answers
+// have come or the idle time-out has passed: a later client can then never
+// receive another client's late answer, even from the same address.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,8 +35,8 @@
 #include "ipc/SysFIFO.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "modes/SysModeCommon.h"
-#include "modes/SysModeLoop.h"
+#include "modes/ModeSetup.h"
+#include "modes/SockTable.h"
 #include "modes/SysModes.h"
 #include "util/SysTcpBasi.h"
 
@@ -37,6 +44,7 @@ namespace {
 
 constexpr const char* kMode = "SysTCPTS";
 constexpr int kPreHdlBufLen = 1024;
+constexpr int64_t kWaitUsec = 100;
 
 // One row of the socket table, indexed by the descriptor itself.
 struct SockEntry {
@@ -47,158 +55,182 @@ struct SockEntry {
     int32_t lastActive;    // seconds; the idle test measures from it
     char peerIp[16];
     char logPath[128];
+    static void Free(SockEntry& r) {
+        r.fd = r.port = r.aux = -1;
+        r.lastActive = 0;
+        std::memset(r.peerIp, 0, sizeof r.peerIp);
+        std::memset(r.logPath, 0, sizeof r.logPath);
+    }
 };
 
-struct TsState {
-    char routeId[3];
-    RouteRecord route;
-    char routeName[65];
+struct Ts {
+    char routeId[3] = {0};
+    RouteRecord route{};
+    char routeName[65] = {0};
     int headerLen = 0;
     int idleTimeout = 0;
     int listenFd = -1;
-    int ctlFd = -1;
-    int notifyFd = -1;
-    long pid = 0;                  // queue message type of every request
-    std::vector<SockEntry> rows;   // pstSockList
-    comp::ModeLoop* loop = nullptr;
-    QueueMsg buf;                  // one request or answer at a time
+    comp::ModeFifos fifos;
+    long pid = 0;                       // queue message type of every request
+    comp::SockTable<SockEntry> rows;    // pstSockList
+    std::vector<int> pending;           // requests forwarded and not yet answered, by descriptor
+    std::optional<comp::Loop> loop;
+    QueueMsg buf;                       // one request or answer at a time
 };
-TsState* g_ts = nullptr;
+// SysResponseWork keeps its C signature, so it finds the mode through this.
+Ts* g_ts = nullptr;
 
-void FreeRow(SockEntry& r) {
-    r.fd = -1;
-    r.port = -1;
-    r.aux = -1;
-    r.lastActive = 0;
-    std::memset(r.peerIp, 0, sizeof r.peerIp);
-    std::memset(r.logPath, 0, sizeof r.logPath);
-}
+bool TsIdle(Ts& ts, int fd, int64_t now);
+void TsControl(Ts& ts, int fd, unsigned ev);
+void TsAccept(Ts& ts, int fd, unsigned ev);
+void TsAnswer(Ts& ts, int fd, unsigned ev);
+void TsRequest(Ts& ts, int fd, unsigned ev);
+void TsCloseHook(Ts& ts, int fd);
+void TsQuit(Ts& ts);
+void TsClose(Ts& ts, int fd);
 
-// Frees the table, drops this process's queued messages and its notification
-// FIFO, and leaves through the frame.
-[[noreturn]] void TsQuit() {
-    g_ts->rows.clear();
-    g_ts->rows.shrink_to_fit();
-    SysCleanQueue(getpid());
+}  // namespace
+
+extern "C" {
+
+int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) {
+    static Ts ts;
+    g_ts = &ts;
+    std::snprintf(ts.routeId, sizeof ts.routeId, "%s", pcRouteId);
+    ts.route = stRoute;
+    ts.pid = getpid();
+    std::snprintf(ts.routeName, sizeof ts.routeName, "%s", stRoute.caField[RT_ROUTENAME]);
+    ts.headerLen = std::atoi(stRoute.caField[RT_HEADERLEN]);
+
+    int lenWidth = 0, lenOff = 0;
+    if (iGetStaticTblValues(stRoute, &lenWidth, &lenOff, &ts.idleTimeout, &ts.headerLen) != 0) {
+        COMP_ERRLOG("[%s,%d]iGetStaticTblValues error", SRC_NAME, __LINE__);
+        return -1;
+    }
+    // Only the presence of the two type columns is required here.
+    char value[256] = {0};
+    if (SysGetValueByTableKey("PLAT_STATICROUTEINF", "MSGTYPEGETLEN", value, "ROUTEID", pcRouteId, "ROUTEMONID",
+                              "1", PARA_END) != 0 ||
+        SysGetValueByTableKey("PLAT_STATICROUTEINF", "MSGTYPEGETOFFSET", value, "ROUTEID", pcRouteId, "ROUTEMONID",
+                              "1", PARA_END) != 0) {
+        COMP_ERRLOG("[%s,%d]SysGetValueByTableKey error,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno,
+                    std::strerror(errno));
+        return -1;
+    }
+    int tableSize = comp::ModeTableSize(SRC_NAME, __LINE__,
+                                        "[%s,%d]SysGetenvByName error or MAX_COM_NUM lost ,errno=%d,errmsg=[%s]");
+    if (tableSize < 0) return -1;
+    ts.rows.Reset(tableSize);
+    ts.pending.assign(static_cast<size_t>(tableSize), 0);
+    for (int fd = 0; fd < tableSize; ++fd) ts.rows[fd].count = 0;
+
+    comp::Loop::Hooks hooks;
+    hooks.ctx = &ts;
+    hooks.idle = comp::Fn<TsIdle>;
+    hooks.close = comp::Fn<TsCloseHook>;
+    hooks.quit = comp::Fn<TsQuit>;
+    ts.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    comp::Loop& loop = *ts.loop;
+    loop.SetRows(&ts.rows);
+
+    ts.listenFd = SysLsnInit(stRoute);
+    if (ts.listenFd < 0 || !loop.Watch(ts.listenFd, comp::Role::kFixed, comp::Fn<TsAccept>, &ts)) {
+        if (ts.listenFd >= 0) close(ts.listenFd);
+        COMP_ERRLOG("%s,%d SysLsnInit error", SRC_NAME, __LINE__);
+        return -1;
+    }
     char name[32];
     std::snprintf(name, sizeof name, "%d", getpid());
-    SysCleanIpcFileById(name, comp::kFifoPidNotify);
-    SysComQuit();
+    if (!comp::OpenModeFifos(SRC_NAME, iInstance, name, comp::kFifoPidNotify, &ts.fifos) ||
+        !loop.Watch(ts.fifos.ctl, comp::Role::kFixed, comp::Fn<TsControl>, &ts) ||
+        !loop.Watch(ts.fifos.notify, comp::Role::kFixed, comp::Fn<TsAnswer>, &ts))
+        return -1;
+    for (int fd : {ts.fifos.ctl, ts.fifos.notify}) ts.rows.Open(fd).lastActive = loop.NowSec();
+    writelog(LOG_DEBUG, nullptr, 0, "%s Begin Working...", kMode);
+    return loop.Run();
 }
 
-// The one close routine: registry, connection log, socket, row.
-void TsClose(int fd) {
-    SockEntry& r = g_ts->rows[fd];
-    if (r.fd < 0) return;
-    if (SysDelConnection(std::atoi(g_ts->routeId), r.peerIp, r.port, 1) < 0)
-        SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d] [%s]SysDelConnection error", SRC_NAME, __LINE__,
-                   r.peerIp);
-    SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d] [%s]回应答成功", SRC_NAME, __LINE__, r.peerIp);
-    close(fd);
-    g_ts->loop->Remove(fd);
-    FreeRow(r);
-}
+}  // extern "C"
 
-bool IsConnection(int fd) { return fd != g_ts->listenFd && fd != g_ts->ctlFd && fd != g_ts->notifyFd; }
+namespace {
 
-// ---- loop handlers, in the order the loop calls them ----------------------
+// ---- handlers, in the order the loop calls them -----------------------------
 
-void TsParentGone() {
-    COMP_ERRLOG("[%s,%d]Parent exit.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
-    TsQuit();
-}
-
-bool TsKeep(int fd, time_t tNow) {
-    SockEntry& r = g_ts->rows[fd];
-    if (tNow - r.lastActive <= g_ts->idleTimeout) return true;
+bool TsIdle(Ts& ts, int fd, int64_t now) {
+    SockEntry& r = ts.rows[fd];
+    if (now / comp::kUsecPerSec - r.lastActive <= ts.idleTimeout) return true;
     SysConnLog(r.fd, r.logPath, LOG_INFO, nullptr, 0, "[%s,%d]%s time out and close ", SRC_NAME, __LINE__, r.peerIp);
-    TsClose(fd);
+    TsClose(ts, fd);
     return false;
 }
 
-void TsWaitFailed(int iErr) {
-    COMP_ERRLOG("[%s,%d]select error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, iErr, std::strerror(iErr));
-    TsQuit();
+// Every command ends a TS process.
+void TsControl(Ts& ts, int fd, unsigned) {
+    comp::ReadControlCmd(SRC_NAME, fd, false);
+    ts.loop->Quit();
 }
 
-void TsControl();
-void TsAccept();
-void TsRequest(int fd);
-
-void TsReady(int fd) {
-    if (fd <= 2) return;
-    if (fd == g_ts->ctlFd) {
-        TsControl();
-    } else if (fd == g_ts->listenFd) {
-        TsAccept();
-    } else if (fd == g_ts->notifyFd) {
-        int rc = SysResponseWork(g_ts->notifyFd, g_ts->routeId, g_ts->route);
-        if (rc == -1) {
-            COMP_ERRLOG("[%s,%d]SysResponseWork,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno,
-                        std::strerror(errno));
-            TsQuit();
-        }
-        if (rc == -2) COMP_ERRLOG("[%s,%d,%s]iSockSend error [%d]", SRC_NAME, __LINE__, kMode, errno);
-    } else {
-        TsRequest(fd);
-    }
-}
-
-void TsControl() {
-    comp::ReadControlCmd(g_ts->ctlFd, false);
-    TsQuit();
-}
-
-void TsAccept() {
+void TsAccept(Ts& ts, int fd, unsigned) {
     char ip[17] = {0};
     int port = 0;
-    int fd = iSockAcceptInfo(g_ts->listenFd, ip, &port);
-    if (fd < 0) {
+    comp::UniqueFd conn(iSockAcceptInfo(fd, ip, &port));
+    if (!conn.valid()) {
         COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
         return;
     }
-    if (fd >= g_ts->loop->TableSize()) {
-        close(fd);
+    if (conn.get() >= ts.loop->TableSize()) {
         COMP_ERRLOG("[%s,%d]Too many communication node.", SRC_NAME, __LINE__);
         return;
     }
     // Not readable before a whole header can be read.
-    int lowat = g_ts->headerLen > 0 ? g_ts->headerLen : 1;
-    setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
-    if (iNoblockFd(fd) != 0 || SysRegConnection(ip, port, &g_ts->route, fd, 1) < 0) {
+    int lowat = ts.headerLen > 0 ? ts.headerLen : 1;
+    setsockopt(conn.get(), SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
+    if (iNoblockFd(conn.get()) != 0 || SysRegConnection(ip, port, &ts.route, conn.get(), 1) < 0) {
         int err = errno;
-        close(fd);
+        conn.reset();
         COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, err, std::strerror(err));
         return;
     }
-    SockEntry& r = g_ts->rows[fd];
-    r.fd = fd;
-    r.port = port;
+    if (!ts.loop->Watch(conn.get(), comp::Role::kConn, comp::Fn<TsRequest>, &ts)) {
+        SysDelConnection(std::atoi(ts.routeId), ip, port, 1);
+        return;
+    }
+    const int cfd = conn.release();
+    SockEntry& r = ts.rows.Open(cfd);
+    ts.rows.SetPeer(cfd, ip, port);
     r.count = 0;
-    r.lastActive = comp::Now32();
-    std::memcpy(r.peerIp, ip, sizeof r.peerIp);
+    r.lastActive = ts.loop->NowSec();
+    ts.pending[cfd] = 0;
     const char* home = getenv("HOME");
-    std::snprintf(r.logPath, sizeof r.logPath, "%s/runs/log/com_%s_%.16s.log", home ? home : "", g_ts->routeName,
+    std::snprintf(r.logPath, sizeof r.logPath, "%s/runs/log/com_%s_%.16s.log", home ? home : "", ts.routeName,
                   r.peerIp);
-    g_ts->loop->AddConn(fd);
-    SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "%.16s:%d connected", r.peerIp, port);
+    SysConnLog(cfd, r.logPath, LOG_DEBUG, nullptr, 0, "%.16s:%d connected", r.peerIp, port);
+}
+
+void TsAnswer(Ts& ts, int, unsigned) {
+    int rc = SysResponseWork(ts.fifos.notify, ts.routeId, ts.route);
+    if (rc == -1) {
+        COMP_ERRLOG("[%s,%d]SysResponseWork,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
+        ts.loop->Quit();
+    }
+    if (rc == -2) COMP_ERRLOG("[%s,%d,%s]iSockSend error [%d]", SRC_NAME, __LINE__, kMode, errno);
 }
 
 // Runs the input pre-handling; false when the request goes no further.
-bool TsInputPreHandling(int fd, const char* data, int len) {
-    const char* name = comp::RouteText(g_ts->route, RT_INPREHDL);
+bool TsInputPreHandling(Ts& ts, int fd, const char* data, int len) {
+    const char* name = comp::RouteText(ts.route, RT_INPREHDL);
     if (name[0] == '\0') return true;
-    SockEntry& r = g_ts->rows[fd];
+    SockEntry& r = ts.rows[fd];
     char reply[kPreHdlBufLen] = {0};
     int replyLen = 0;
-    int rc = SysPreHdl(g_ts->routeId, name, data, len, reply, &replyLen, 0);
+    int rc = SysPreHdl(ts.routeId, name, data, len, reply, &replyLen, 0);
     SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]", SRC_NAME, __LINE__, name);
     if (replyLen > kPreHdlBufLen) replyLen = kPreHdlBufLen;
     if (replyLen > 0) {
         SysConnLog(r.fd, r.logPath, LOG_INFO, reply, replyLen, "[%s,%d,%s]", SRC_NAME, __LINE__, name);
         if (iSockSend(fd, reply, replyLen) != 0) {
             SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d]%s", SRC_NAME, __LINE__, std::strerror(errno));
-            TsClose(fd);
+            TsClose(ts, fd);
             return false;
         }
     }
@@ -213,38 +245,81 @@ bool TsInputPreHandling(int fd, const char* data, int len) {
     return true;
 }
 
-void TsRequest(int fd) {
-    SockEntry& r = g_ts->rows[fd];
-    QueueMsg& buf = g_ts->buf;
+void TsRequest(Ts& ts, int fd, unsigned) {
+    SockEntry& r = ts.rows[fd];
+    QueueMsg& buf = ts.buf;
     int err = 0;
-    int len = SysTcpRecvMsg(fd, &g_ts->route, &buf, &err);
+    int len = SysTcpRecvMsg(fd, &ts.route, &buf, &err);
     if (len < 0) {
         if (err == 0) err = errno;
         SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "%s,%d SysTcpRecvMsg err, fd=%d ,iTotalLen=%d,errno %d,[%s] ",
                    SRC_NAME, __LINE__, fd, len, err, std::strerror(err));
         COMP_ERRLOG("[%s,%d]%s,fd=%d ,iRet=%d,errno %d,[%s] ", SRC_NAME, __LINE__, "SysTcpRecvMsg", fd, len, err,
                     std::strerror(err));
-        TsClose(fd);
+        TsClose(ts, fd);
         return;
     }
     SysConnLog(r.fd, r.logPath, LOG_INFO, buf.caText, len, "[%s,%d]read net,len=%d", SRC_NAME, __LINE__, len);
-    if (!TsInputPreHandling(fd, buf.caText, len)) return;
+    if (!TsInputPreHandling(ts, fd, buf.caText, len)) return;
 
-    int total = SysBuildPlatMsg(&buf, len, fd, &g_ts->route, r.peerIp, r.port);
+    // A framed message may be longer than a platform message can carry: that
+    // is this client's fault, so only its connection goes.
+    if (len > comp::kQueueTextLen - comp::kPlatHdrLen) {
+        COMP_ERRLOG("[%s,%d]fd=%d,request of %d bytes exceeds the %d a platform message carries,close", SRC_NAME,
+                    __LINE__, fd, len, comp::kQueueTextLen - comp::kPlatHdrLen);
+        TsClose(ts, fd);
+        return;
+    }
+    int total = SysBuildPlatMsg(&buf, len, fd, &ts.route, r.peerIp, r.port);
     if (total < 0 || r.port < 0) {
         COMP_ERRLOG("[%s,%d]SysBuildPlatMsg error.errno=%d,errmsg:[%s]", SRC_NAME, __LINE__, errno,
                     std::strerror(errno));
-        TsClose(fd);
-        TsQuit();
+        TsClose(ts, fd);
+        ts.loop->Quit();
     }
-    buf.lMsgType = g_ts->pid;
+    buf.lMsgType = ts.pid;
     if (SysWriteQueue(&buf, total, g_stMsgQCntl[comp::kQueueToTranp].iId) != 0) {
         COMP_ERRLOG("[%s,%d]SysWriteQueue error.errno=%d,errmsg:[%s]", SRC_NAME, __LINE__, errno,
                     std::strerror(errno));
-        TsClose(fd);
-        TsQuit();
+        TsClose(ts, fd);
+        ts.loop->Quit();
     }
+    ++ts.pending[fd];
     SysConnLog(r.fd, r.logPath, LOG_INFO, buf.caText, total, "[%s,%d]write to queue,len=%d", SRC_NAME, __LINE__, total);
+}
+
+// ---- close and quit ---------------------------------------------------------
+
+// Every close goes through here: a connection with requests still out keeps
+// its number until they are answered or its idle time-out has passed.
+void TsClose(Ts& ts, int fd) {
+    if (ts.pending[fd] > 0)
+        ts.loop->CloseHolding(fd, ts.loop->NowUsec() + (ts.idleTimeout + 1) * comp::kUsecPerSec);
+    else
+        ts.loop->Close(fd);
+}
+
+void TsCloseHook(Ts& ts, int fd) {
+    SockEntry& r = ts.rows[fd];
+    if (SysDelConnection(std::atoi(ts.routeId), r.peerIp, r.port, 1) < 0)
+        SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d] [%s]SysDelConnection error", SRC_NAME, __LINE__,
+                   r.peerIp);
+    SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d] [%s]回应答成功", SRC_NAME, __LINE__, r.peerIp);
+}
+
+void TsQuit(Ts& ts) {
+    ts.rows.Clear();
+    comp::CleanOwnQueueAndFifo(comp::kFifoPidNotify);
+}
+
+// An answer for a number the loop holds belongs to a connection that has
+// gone; once the last one has come, the number is let go.
+void TsAnswerForGone(Ts& ts, int fd) {
+    if (!ts.loop->Held(fd)) return;
+    if (--ts.pending[fd] <= 0) {
+        ts.pending[fd] = 0;
+        ts.loop->ReleaseHold(fd);
+    }
 }
 
 }  // namespace
@@ -254,12 +329,13 @@ extern "C" {
 // Serves one wake-up from TranP: 0 answered, -2 this answer could not be
 // delivered (the loop goes on), -1 fatal.
 int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute) {
-    if (g_ts == nullptr) return -1;
+    if (g_ts == nullptr || !g_ts->loop) return -1;
+    Ts& ts = *g_ts;
     if (stRoute.caField[RT_MSGSNDTYPE][0] != '0') {
         COMP_ERRLOG("[%s,%d,%s]%s config error ,MSGSNDTYPE", SRC_NAME, __LINE__, __func__, "PLAT_STATICROUTEINF");
         return -1;
     }
-    QueueMsg& buf = g_ts->buf;
+    QueueMsg& buf = ts.buf;
     int len = SysReadPlatMsg(iFifoFd, &buf);
     if (len < 0) return -1;
 
@@ -269,16 +345,17 @@ int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute) {
     int fd = comp::HeaderInt(hdr, comp::plat::kSock);
     char ip[17] = {0};
     std::memcpy(ip, hdr + comp::plat::kPort, 16);
-    if (len < comp::kPlatHdrLen || fd < 0 || fd >= static_cast<int>(g_ts->rows.size()) ||
-        g_ts->rows[fd].fd < 0 || !IsConnection(fd)) {
+    if (len < comp::kPlatHdrLen || !ts.rows.InRange(fd) || !ts.loop->IsConn(fd)) {
         COMP_ERRLOG("[%s,%d]fd[%d] closed.[%s] is offline", SRC_NAME, __LINE__, fd, ip);
+        if (len >= comp::kPlatHdrLen && ts.rows.InRange(fd)) TsAnswerForGone(ts, fd);
         return -2;
     }
-    SockEntry& r = g_ts->rows[fd];
+    SockEntry& r = ts.rows[fd];
     if (std::strncmp(r.peerIp, ip, 16) != 0) {
         COMP_ERRLOG("[%s,%d]fd[%d] was resetted.[%s]is offline", SRC_NAME, __LINE__, fd, ip);
         return -2;
     }
+    if (ts.pending[fd] > 0) --ts.pending[fd];
     SysConnLog(r.fd, r.logPath, LOG_INFO, buf.caText, len, "[%s,%d]read queue,len=%d", SRC_NAME, __LINE__, len);
 
     const char* body = buf.caText + comp::kPlatHdrLen;
@@ -298,7 +375,7 @@ int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute) {
     }
     if (iSockSend(fd, body, bodyLen) != 0) {
         int err = errno;
-        TsClose(fd);
+        TsClose(ts, fd);
         COMP_ERRLOG("[%s,%d,%s]iSockSend error [%d]", SRC_NAME, __LINE__, __func__, err);
         SysConnLog(r.fd, r.logPath, LOG_ERROR, body, bodyLen, "[%s,%d]write to net err,len=%d", SRC_NAME, __LINE__,
                    bodyLen);
@@ -306,7 +383,7 @@ int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute) {
     }
     ++r.count;
     SysConnLog(r.fd, r.logPath, LOG_INFO, body, bodyLen, "[%s,%d]write to net,len=%d", SRC_NAME, __LINE__, bodyLen);
-    TsClose(fd);
+    TsClose(ts, fd);
     return 0;
 }
 
@@ -330,71 +407,13 @@ int SysLsnInit(RouteRecord stRoute) {
         COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, err, std::strerror(err));
         return -1;
     }
-    if (g_ts != nullptr && fd < static_cast<int>(g_ts->rows.size())) {
-        SockEntry& r = g_ts->rows[fd];
-        r.fd = fd;
-        r.lastActive = comp::Now32();
+    if (g_ts != nullptr && g_ts->rows.InRange(fd)) {
+        SockEntry& r = g_ts->rows.Open(fd);
+        r.lastActive = g_ts->loop ? g_ts->loop->NowSec() : static_cast<int32_t>(time(nullptr));
         std::snprintf(r.peerIp, sizeof r.peerIp, "%s", ip);
         r.port = port;
     }
     return fd;
-}
-
-int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) {
-    static TsState state;
-    g_ts = &state;
-    TsState& ts = state;
-    std::snprintf(ts.routeId, sizeof ts.routeId, "%s", pcRouteId);
-    ts.route = stRoute;
-    ts.pid = getpid();
-    std::snprintf(ts.routeName, sizeof ts.routeName, "%s", stRoute.caField[RT_ROUTENAME]);
-    ts.headerLen = std::atoi(stRoute.caField[RT_HEADERLEN]);
-
-    int lenWidth = 0, lenOff = 0;
-    if (iGetStaticTblValues(stRoute, &lenWidth, &lenOff, &ts.idleTimeout, &ts.headerLen) != 0) {
-        COMP_ERRLOG("[%s,%d]iGetStaticTblValues error", SRC_NAME, __LINE__);
-        return -1;
-    }
-    char value[256] = {0};
-    if (SysGetValueByTableKey("PLAT_STATICROUTEINF", "MSGTYPEGETLEN", value, "ROUTEID", pcRouteId, "ROUTEMONID",
-                              "1", PARA_END) != 0 ||
-        SysGetValueByTableKey("PLAT_STATICROUTEINF", "MSGTYPEGETOFFSET", value, "ROUTEID", pcRouteId, "ROUTEMONID",
-                              "1", PARA_END) != 0) {
-        COMP_ERRLOG("[%s,%d]SysGetValueByTableKey error,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno,
-                    std::strerror(errno));
-        return -1;
-    }
-    int tableSize = comp::ModeMaxComNum();
-    if (tableSize < 0) {
-        COMP_ERRLOG("[%s,%d]SysGetenvByName error or MAX_COM_NUM lost ,errno=%d,errmsg=[%s]", SRC_NAME, __LINE__,
-                    errno, std::strerror(errno));
-        return -1;
-    }
-    ts.rows.assign(static_cast<size_t>(tableSize), SockEntry{});
-    for (SockEntry& r : ts.rows) {
-        FreeRow(r);
-        r.count = 0;
-    }
-    static const comp::LoopOps ops{TsParentGone, TsKeep, TsReady, nullptr, nullptr, TsWaitFailed};
-    static std::optional<comp::ModeLoop> loop;
-    loop.emplace(comp::LoopSpec{kMode, tableSize, 100}, ops);
-    ts.loop = &*loop;
-
-    ts.listenFd = SysLsnInit(stRoute);
-    if (ts.listenFd < 0 || !loop->AddFixed(ts.listenFd)) {
-        if (ts.listenFd >= 0) close(ts.listenFd);
-        COMP_ERRLOG("%s,%d SysLsnInit error", SRC_NAME, __LINE__);
-        return -1;
-    }
-    char name[32];
-    std::snprintf(name, sizeof name, "%d", getpid());
-    if (!comp::OpenModeFifos(*loop, iInstance, name, comp::kFifoPidNotify, &ts.ctlFd, &ts.notifyFd)) return -1;
-    for (int fd : {ts.ctlFd, ts.notifyFd}) {
-        ts.rows[fd].fd = fd;
-        ts.rows[fd].lastActive = comp::Now32();
-    }
-    writelog(LOG_DEBUG, nullptr, 0, "%s Begin Working...", kMode);
-    return loop->Run();
 }
 
 }  // extern "C"

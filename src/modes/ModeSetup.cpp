@@ -1,0 +1,153 @@
+#include "modes/ModeSetup.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "comp/SysComPub.h"
+#include "comp/SysGlobals.h"
+#include "comp/SysPlatMsg.h"
+#include "config/FileOpApp.h"
+#include "config/SysRscApp.h"
+#include "ipc/SysFIFO.h"
+#include "log/ErrLog.h"
+#include "log/SysTraceLog.h"
+#include "util/SysTcpBasi.h"
+
+namespace comp {
+
+namespace {
+constexpr int kMaxTableSize = 1 << 20;  // a sane ceiling for one process's descriptors
+}
+
+int ModeTableSize(const char* pcSrc, int iLine, const char* pcMissingFmt) {
+    char value[256] = {0};
+    int n = SysGetenvByName("MAX_COM_NUM", value) == 0 ? std::atoi(value) : -1;
+    if (n > 3 && n <= kMaxTableSize) return n;
+    std::snprintf(g_caMsg, sizeof g_caMsg, pcMissingFmt, pcSrc, iLine, errno, std::strerror(errno));
+    ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+    return -1;
+}
+
+WaitStyle ConfiguredWaitStyle() {
+    char value[256] = {0};
+    if (SysGetAppVar("COMP_WAIT", value) != 0) return WaitStyle::kFixed;
+    return strncasecmp(value, "DEADLINE", 8) == 0 ? WaitStyle::kDeadline : WaitStyle::kFixed;
+}
+
+Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
+                        Backend eFixedBackend) {
+    Loop::Spec spec;
+    spec.pcSrc = pcSrc;
+    spec.pcMode = pcMode;
+    spec.iTableSize = iTableSize;
+    spec.lWaitUsec = lWaitUsec;
+    spec.eStyle = ConfiguredWaitStyle();
+    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? Backend::kEpoll : eFixedBackend;
+    return spec;
+}
+
+bool OpenModeFifos(const char* pcSrc, int iInstance, const char* pcNotifyName, int iNotifyKind, ModeFifos* pstOut) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%d_%d", getpid(), iInstance);
+    pstOut->ctl = iOpenFIFO(name, kFifoControl);
+    pstOut->notify = (pstOut->ctl < 0 || pcNotifyName == nullptr) ? -1 : iOpenFIFO(pcNotifyName, iNotifyKind);
+    if (pstOut->ctl < 0 || (pcNotifyName != nullptr && pstOut->notify < 0)) {
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]iOpenFIFO error,errno=%d,errmsg=[%s]", pcSrc, __LINE__, errno,
+                      std::strerror(errno));
+        ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+        return false;
+    }
+    return true;
+}
+
+void RemoveOwnFifo(int iKind) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%d", getpid());
+    SysCleanIpcFileById(name, iKind);
+}
+
+ControlCmd ReadControlCmd(const char* pcSrc, int iCtlFd, bool bAcceptAllowed, const char* pcReadFailFmt) {
+    char cmd[8] = {0};
+    if (iReadFIFO2Buf(iCtlFd, cmd) != 0) {
+        std::snprintf(g_caMsg, sizeof g_caMsg, pcReadFailFmt, pcSrc, __LINE__, errno);
+    } else if (cmd[0] == '0' && bAcceptAllowed) {
+        return ControlCmd::kAccept;
+    } else if (cmd[0] == 'x') {
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]recv quit cmd", pcSrc, __LINE__);
+    } else {
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]bad branch", pcSrc, __LINE__);
+    }
+    ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+    return ControlCmd::kQuit;
+}
+
+Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec) {
+    Accepted a;
+    if (stSpec.bShortRcvTimeo) {
+        // The accept must not hang when another process took the client.
+        timeval tv{0, 5};
+        setsockopt(iListenFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    }
+    a.fd.reset(stSpec.bPeerByGetpeer ? iSockAccept(iListenFd) : iSockAcceptInfo(iListenFd, a.ip, &a.port));
+    a.err = errno;
+    if (SysTellCommonp(g_stMsgQCntl[kQueueCommonp].iId, static_cast<int>(kCommonpAccepted)) != 0) {
+        a.outcome = AcceptOutcome::kReportFailed;
+        return a;
+    }
+    if (!a.fd.valid()) {
+        errno = a.err;
+        a.outcome = AcceptOutcome::kAcceptFailed;
+        return a;
+    }
+    if (a.fd.get() >= iTableSize) {
+        a.outcome = AcceptOutcome::kTooMany;
+        return a;
+    }
+    if (stSpec.bNonBlock && iNoblockFd(a.fd.get()) != 0) {
+        a.err = errno;
+        a.outcome = AcceptOutcome::kNoBlockFailed;
+        return a;
+    }
+    if (stSpec.bPeerByGetpeer && iGetPeer(a.fd.get(), a.ip, &a.port) != 0) {
+        a.err = errno;
+        a.outcome = AcceptOutcome::kPeerFailed;
+        return a;
+    }
+    a.outcome = AcceptOutcome::kOk;
+    return a;
+}
+
+void CleanOwnQueueAndFifo(int iNotifyKind) {
+    SysCleanQueue(getpid());
+    RemoveOwnFifo(iNotifyKind);
+}
+
+int RouteInt(const RouteRecord& stRoute, RouteColumn eCol) { return std::atoi(stRoute.caField[eCol]); }
+
+const char* RouteText(const RouteRecord& stRoute, RouteColumn eCol) { return stRoute.caField[eCol]; }
+
+int32_t HeaderInt(const char* pcHeader, int iOffset) {
+    int32_t v;
+    std::memcpy(&v, pcHeader + iOffset, sizeof v);
+    return v;
+}
+
+}  // namespace comp
+
+extern "C" int SysConnLog(int iFd, const char* pcPath, int iLevel, const void* pvData, int iLen,
+                          const char* pcFmt, ...) {
+    if (iFd < 0) return -2;
+    if (!SysTraceEnabled(iLevel)) return 0;
+    char text[4097];
+    va_list ap;
+    va_start(ap, pcFmt);
+    std::vsnprintf(text, sizeof text, pcFmt, ap);
+    va_end(ap);
+    return writelog2(iLevel, pcPath, pvData, iLen, "%s", text);
+}
