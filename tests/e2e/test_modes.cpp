@@ -31,7 +31,7 @@ protected:
                                                route == kTcRoute ? "1" : "0")};
         for (auto& [k, v] : overrides) setup.routes[0][k] = v;
         StartPlatform(setup);
-        c = StartComp({mode, std::to_string(route), "1", "0", "e2e_1"});
+        c = StartComp({mode, std::to_string(route), "1", "0", "e2e_1"}, compEnv);
         ASSERT_GT(ReadCommonp(buf.get(), 2, 5000), 0) << CompOutput(c) << AllLogs();
         pid = comp(c).pid;
         // Its FIFOs are open (not only made) once it says so.
@@ -46,6 +46,20 @@ protected:
         close(fd);
     }
     std::string ConnLog() const { return comptest::ReadFile(run.file("runs/log/com_route10_127.0.0.1.log")); }
+    // Waits until comp has closed one more client connection (each close
+    // ends with this line in the connection log).
+    void AwaitClose() {
+        ++closes;
+        auto count = [&] {
+            const std::string log = ConnLog();
+            int n = 0;
+            for (size_t p = log.find("回应答成功"); p != std::string::npos; p = log.find("回应答成功", p + 1)) ++n;
+            return n;
+        };
+        for (const int64_t end = kit::NowMs() + 3000; count() < closes && kit::NowMs() < end;) kit::SleepMs(5);
+        ASSERT_GE(count(), closes) << "comp did not close the connection";
+    }
+    int closes = 0;
     // Whether one of the texts shows in the logs within 3 s.
     bool Logged(std::initializer_list<const char*> texts) const {
         for (const int64_t end = kit::NowMs() + 3000;; kit::SleepMs(20)) {
@@ -64,6 +78,7 @@ protected:
 
     size_t c = 0;
     pid_t pid = 0;
+    std::vector<std::string> compEnv;   // extra environment of comp
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 };
 
@@ -166,10 +181,24 @@ TEST_F(TsTest, silent_client_is_closed_after_the_idle_timeout) {
     EXPECT_NE(ConnLog().find("回应答成功"), std::string::npos);
 }
 
+// Time-outs measured in tens of seconds run on comp's own clock, sped up by
+// libfaketime: the product has no hook for it.
+TEST_F(TsTest, long_idle_timeout_holds_on_an_accelerated_clock) {
+    compEnv = FastClock(10);
+    if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
+    StartTs({{"IDLETIMEOUT", "20"}});
+    comp::UniqueFd s = comptest::Connect(port);
+    const int64_t start = kit::NowMs();
+    EXPECT_TRUE(Closes(s.get(), 8000));
+    const int64_t took = kit::NowMs() - start;
+    EXPECT_GE(took, 1500) << "closed before 20 s of its clock had passed";
+    EXPECT_LE(took, 4000);
+}
+
 TEST_F(TsTest, answer_after_client_closed_is_dropped_and_serving_goes_on) {
     StartTs();
     const std::string h = AbandonedRequest("gone");
-    usleep(200 * 1000);
+    AwaitClose();
     Answer(h, Frame("late"));
     EXPECT_TRUE(Logged({"is offline"}));
     ExpectExchange("next");
@@ -181,7 +210,7 @@ TEST_F(TsTest, answer_after_client_closed_is_dropped_and_serving_goes_on) {
 TEST_F(TsTest, late_answer_never_reaches_a_newcomer_from_the_same_address) {
     StartTs();
     const std::string h = AbandonedRequest("first");
-    usleep(200 * 1000);  // comp notices the close
+    AwaitClose();
     comp::UniqueFd other = Client("second");
     const std::string h2 = NextRequest().header;
     ASSERT_FALSE(h.empty() || h2.empty()) << AllLogs();
@@ -207,7 +236,7 @@ TEST_F(TsTest, client_reset_before_its_answer_drops_only_that_answer) {
         linger hard{1, 0};
         setsockopt(s.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     }  // closed with a reset while TranP still works on the request
-    usleep(300 * 1000);
+    AwaitClose();
     Answer(r.header, Frame(std::string(60000, 'a')));
     EXPECT_TRUE(Logged({"is offline"})) << AllLogs();
     ExpectExchange("after");

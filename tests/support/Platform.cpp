@@ -156,6 +156,12 @@ RouteRow MakeRouteRow(int route, const std::string& ipPort, const std::string& m
     };
 }
 
+std::string PlatformTest::AppVars() {
+    // The whole-process suite runs once per wait style; ctest says which.
+    const char* style = getenv("COMP_TEST_WAIT");
+    return style != nullptr && *style != '\0' ? std::string("COMP_WAIT ") + style + "\n" : "";
+}
+
 void PlatformTest::SetUp() {
     SysResetGlobals();
     kit::DirectLogs(run.path(), "fixture");
@@ -167,6 +173,7 @@ void PlatformTest::SetUp() {
 
 void PlatformTest::TearDown() {
     for (size_t i = 0; i < comps_.size(); ++i) StopComp(i);
+    CheckLogsClean();
     if (up_) {
         std::vector<std::string> notes;
         std::string why;
@@ -190,7 +197,7 @@ std::string PlatformTest::SysCfgText(int tableSegmentBytes) const {
 
 void PlatformTest::StartPlatform(const PlatformSetup& setup) {
     run.write("etc/sys.cfg", SysCfgText());
-    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n[]\n");
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n" + AppVars() + "[]\n");
     run.write("etc/tables.cfg", TablesCfgText(setup));
     std::vector<std::string> notes;
     std::string why;
@@ -203,7 +210,17 @@ int PlatformTest::QueueId(int index) const {
     return it == queueKeys_.end() ? -1 : msgget(it->second, 0);
 }
 
-size_t PlatformTest::StartComp(const std::vector<std::string>& args) {
+std::vector<std::string> PlatformTest::FastClock(int speed) {
+    for (const char* lib : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
+                            "/usr/lib/aarch64-linux-gnu/faketime/libfaketime.so.1",
+                            "/usr/lib/faketime/libfaketime.so.1"})
+        if (access(lib, R_OK) == 0)
+            return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed),
+                    "FAKETIME_DONT_RESET=1"};
+    return {};
+}
+
+size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env) {
     CompProc p;
     p.procName = args.size() >= 5 ? args[4] : "";
     p.outputPath = run.file("log/comp_" + std::to_string(comps_.size()) + ".out");
@@ -212,6 +229,7 @@ size_t PlatformTest::StartComp(const std::vector<std::string>& args) {
     plan.argv.push_back(plan.path);
     plan.argv.insert(plan.argv.end(), args.begin(), args.end());
     plan.outputPath = p.outputPath;
+    plan.env = env;
     std::string why;
     p.pid = kit::Spawn(plan, &why);
     EXPECT_GT(p.pid, 0) << why;
@@ -238,6 +256,27 @@ std::string PlatformTest::CompOutput(size_t i) const { return ReadFile(comps_[i]
 std::string PlatformTest::CompTraceLog(size_t i) const {
     const CompProc& p = comps_[i];
     return ReadFile(run.file("log/com_" + p.procName + "_" + std::to_string(p.pid) + "_" + Today() + ".log"));
+}
+
+// Like nginx's tests, a run fails when a sanitizer spoke in any comp's output
+// or a fatal line shows in the logs that the test did not ask for.
+void PlatformTest::CheckLogsClean() {
+    for (size_t i = 0; i < comps_.size(); ++i) {
+        const std::string out = CompOutput(i);
+        for (const char* mark : {"AddressSanitizer", "LeakSanitizer", "runtime error:", "UndefinedBehaviorSanitizer"})
+            if (out.find(mark) != std::string::npos) ADD_FAILURE() << "comp " << i << " output:\n" << out;
+    }
+    if (!std::filesystem::exists(run.file("log"))) return;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"))) {
+        std::istringstream lines(ReadFile(e.path().string()));
+        const bool fatalFile = e.path().filename() == "fatalerr.log";
+        for (std::string line; std::getline(lines, line);) {
+            if (!fatalFile && line.find("fatal") == std::string::npos) continue;
+            bool allowed = false;
+            for (const std::string& a : allowedFatal_) allowed = allowed || line.find(a) != std::string::npos;
+            if (!allowed) ADD_FAILURE() << "unexpected fatal line in " << e.path().filename() << ": " << line;
+        }
+    }
 }
 
 std::string PlatformTest::AllLogs() const {

@@ -68,7 +68,10 @@ protected:
 
     // Starts the comp binary with argv[1..]; argv[5] names the trace log.
     // Returns an index into comps().
-    size_t StartComp(const std::vector<std::string>& args);
+    size_t StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+    // The environment that runs comp under libfaketime with its clock going
+    // `speed` times as fast ({} when libfaketime is not installed).
+    static std::vector<std::string> FastClock(int speed);
     // Waits for comp i to end; its exit status, or -1 when it still runs (or
     // died by a signal: then -signal-100).
     int WaitComp(size_t i, int timeoutMs);
@@ -80,6 +83,11 @@ protected:
     std::string CompTraceLog(size_t i) const;
     // Everything under $RUNDIR/log (error logs included).
     std::string AllLogs() const;
+    // A line with "fatal" (or in fatalerr.log) that holds `text` is expected;
+    // any other fails the test at its end.
+    void AllowFatal(const std::string& text) { allowedFatal_.push_back(text); }
+    // The app.cfg lines of the wait style under test (environment COMP_TEST_WAIT).
+    static std::string AppVars();
 
     // The router's side. Reads one message of `type` (0: any) from queue 7
     // (to TranP) or queue 6 (to Commonp); the text length, 0 on time-out.
@@ -96,7 +104,9 @@ private:
     int Read(int index, QueueMsg* buf, long type, int timeoutMs) {
         return std::max(0, kit::ReadQueue(QueueId(index), type, buf, timeoutMs));
     }
+    void CheckLogsClean();
     std::vector<CompProc> comps_;
+    std::vector<std::string> allowedFatal_;
     std::map<int, key_t> queueKeys_;
     key_t semKey_ = 0, registryKey_ = 0, tablesKey_ = 0;
     bool up_ = false;

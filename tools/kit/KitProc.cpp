@@ -56,6 +56,7 @@ pid_t Spawn(const SpawnOptions& plan, std::string* why) {
             dup2(out, STDERR_FILENO);
         }
         if (plan.inheritFd >= 0) SetCloseOnExec(plan.inheritFd, false);
+        for (const std::string& e : plan.env) putenv(const_cast<char*>(e.c_str()));
         execv(plan.path.c_str(), argv.data());
         dprintf(STDERR_FILENO, "exec %s: %s\n", plan.path.c_str(), std::strerror(errno));
         _exit(127);

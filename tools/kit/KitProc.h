@@ -15,6 +15,7 @@ struct SpawnOptions {
     std::string outputPath;          // stdout and stderr appended here ("" keeps ours)
     bool ownGroup = true;            // own process group: a terminal's Ctrl-C reaches only us
     bool dieWithParent = true;       // SIGTERM to the child when this process ends
+    std::vector<std::string> env;    // "NAME=value" set in the child's environment
 };
 
 // Forks and executes; the child's pid, or -1 with the reason. An exec failure
