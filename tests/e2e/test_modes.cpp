@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "Platform.h"
+#include "ModeFixture.h"
 #include "ipc/SysConnReg.h"
 #include "kit/KitUtil.h"
 
@@ -20,66 +20,21 @@ using comptest::Send;
 
 constexpr int kTsRoute = 10, kTcRoute = 20;
 
-class ModeTest : public comptest::PlatformTest {
+class ModeTest : public comptest::ModeTest {
 protected:
-    // Brings the platform up with one route of the test framing (with
-    // `overrides`), starts comp in `mode` on it and waits for its logon and
-    // for it to serve.
     void Start(const char* mode, int route, int peerPort, comptest::RouteRow overrides) {
-        comptest::PlatformSetup setup;
-        setup.routes = {comptest::MakeRouteRow(route, "127.0.0.1:" + std::to_string(peerPort),
-                                               route == kTcRoute ? "1" : "0")};
-        for (auto& [k, v] : overrides) setup.routes[0][k] = v;
-        StartPlatform(setup);
-        c = StartComp({mode, std::to_string(route), "1", "0", "e2e_1"}, compEnv);
-        ASSERT_GT(ReadCommonp(buf.get(), 2, 5000), 0) << CompOutput(c) << AllLogs();
-        pid = comp(c).pid;
-        // Its FIFOs are open (not only made) once it says so.
-        for (int i = 0; i < 500 && CompTraceLog(c).find("Begin Working") == std::string::npos; ++i) usleep(10000);
-        ASSERT_NE(CompTraceLog(c).find("Begin Working"), std::string::npos) << AllLogs();
-    }
-    // Writes one byte to comp's control FIFO.
-    void Control(char cmd) {
-        int fd = open(run.file("fifo/3_" + std::to_string(pid) + "_1").c_str(), O_WRONLY | O_NONBLOCK);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(write(fd, &cmd, 1), 1);
-        close(fd);
+        StartMode(mode, comptest::MakeRouteRow(route, "127.0.0.1:" + std::to_string(peerPort),
+                                               route == kTcRoute ? "1" : "0"),
+                  overrides, "Begin Working");
     }
     std::string ConnLog() const { return comptest::ReadFile(run.file("runs/log/com_route10_127.0.0.1.log")); }
     // Waits until comp has closed one more client connection (each close
     // ends with this line in the connection log).
     void AwaitClose() {
         ++closes;
-        auto count = [&] {
-            const std::string log = ConnLog();
-            int n = 0;
-            for (size_t p = log.find("回应答成功"); p != std::string::npos; p = log.find("回应答成功", p + 1)) ++n;
-            return n;
-        };
-        for (const int64_t end = kit::NowMs() + 3000; count() < closes && kit::NowMs() < end;) kit::SleepMs(5);
-        ASSERT_GE(count(), closes) << "comp did not close the connection";
+        ASSERT_TRUE(AwaitCount([&] { return ConnLog(); }, "回应答成功", closes)) << "comp did not close the connection";
     }
     int closes = 0;
-    // Whether one of the texts shows in the logs within 3 s.
-    bool Logged(std::initializer_list<const char*> texts) const {
-        for (const int64_t end = kit::NowMs() + 3000;; kit::SleepMs(20)) {
-            const std::string logs = AllLogs();
-            for (const char* t : texts)
-                if (logs.find(t) != std::string::npos) return true;
-            if (kit::NowMs() >= end) return false;
-        }
-    }
-    // Whether the peer closes within ms (what it sends meanwhile is dropped).
-    static bool Closes(int fd, int ms) {
-        bool closed = false;
-        ReadUntilClose(fd, ms, &closed);
-        return closed;
-    }
-
-    size_t c = 0;
-    pid_t pid = 0;
-    std::vector<std::string> compEnv;   // extra environment of comp
-    std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 };
 
 class TsTest : public ModeTest {

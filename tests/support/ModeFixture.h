@@ -1,0 +1,85 @@
+// Whole-process fixture of one transport mode: the platform up with the
+// mode's route, comp started on it and serving, and the small waits every
+// mode's tests need. Each mode's test file derives its own fixture from it.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform.h"
+#include "kit/KitUtil.h"
+
+namespace comptest {
+
+class ModeTest : public PlatformTest {
+protected:
+    // Brings the platform up with `row` (changed by `overrides`) and any
+    // further routes, starts comp as `mode ROUTE instance arg e2e_<instance>`,
+    // and waits for its logon to Commonp and for `readyText` in its trace log
+    // (its FIFOs are open, not only made, once it says so).
+    void StartMode(const char* mode, RouteRow row, const RouteRow& overrides, const char* readyText,
+                   const std::string& arg = "0", std::vector<RouteRow> more = {}) {
+        for (const auto& [k, v] : overrides) row[k] = v;
+        PlatformSetup setup;
+        setup.routes = {row};
+        for (RouteRow& r : more) setup.routes.push_back(r);
+        for (const auto& [k, v] : vars) setup.vars[k] = v;
+        StartPlatform(setup);
+        c = StartComp({mode, row["ROUTEID"], std::to_string(instance), arg, "e2e_" + std::to_string(instance)},
+                      compEnv);
+        ASSERT_GT(ReadCommonp(buf.get(), comp::kCommonpLogon, 5000), 0) << CompOutput(c) << AllLogs();
+        pid = comp(c).pid;
+        ASSERT_TRUE(AwaitCount([&] { return CompTraceLog(c); }, readyText, 1, 5000)) << AllLogs();
+    }
+    // Writes one byte to comp's control FIFO "3_<pid>_<instance>".
+    void Control(char cmd) {
+        int fd = open(run.file("fifo/3_" + std::to_string(pid) + "_" + std::to_string(instance)).c_str(),
+                      O_WRONLY | O_NONBLOCK);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, &cmd, 1), 1);
+        close(fd);
+    }
+    // Whether one of the texts shows in the logs within ms.
+    bool Logged(std::initializer_list<const char*> texts, int ms = 3000) const {
+        for (const int64_t end = kit::NowMs() + ms;; kit::SleepMs(20)) {
+            const std::string logs = AllLogs();
+            for (const char* t : texts)
+                if (logs.find(t) != std::string::npos) return true;
+            if (kit::NowMs() >= end) return false;
+        }
+    }
+    // Whether `text` occurs at least `count` times in what `read` returns
+    // within ms.
+    static bool AwaitCount(const std::function<std::string()>& read, const std::string& text, int count,
+                           int ms = 3000) {
+        auto n = [&] {
+            const std::string s = read();
+            int k = 0;
+            for (size_t p = s.find(text); p != std::string::npos; p = s.find(text, p + 1)) ++k;
+            return k;
+        };
+        for (const int64_t end = kit::NowMs() + ms; n() < count && kit::NowMs() < end;) kit::SleepMs(5);
+        return n() >= count;
+    }
+    // Whether the peer closes within ms (what it sends meanwhile is dropped).
+    static bool Closes(int fd, int ms) {
+        bool closed = false;
+        ReadUntilClose(fd, ms, &closed);
+        return closed;
+    }
+
+    int instance = 1;
+    size_t c = 0;
+    pid_t pid = 0;
+    std::vector<std::string> compEnv;          // extra environment of comp (FastClock)
+    std::map<std::string, std::string> vars;   // [LOADVARS] changes
+    std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
+};
+
+}  // namespace comptest
