@@ -23,6 +23,8 @@ protected:
     // further routes, starts comp as `mode ROUTE instance arg e2e_<instance>`,
     // and waits for its logon to Commonp and for `readyText` in its trace log
     // (its FIFOs are open, not only made, once it says so).
+    // With a shared listener open (OpenSharedListener), comp inherits it and
+    // gets its number as the fourth argument, as from the platform's starter.
     void StartMode(const char* mode, RouteRow row, const RouteRow& overrides, const char* readyText,
                    const std::string& arg = "0", std::vector<RouteRow> more = {}) {
         for (const auto& [k, v] : overrides) row[k] = v;
@@ -31,15 +33,39 @@ protected:
         for (RouteRow& r : more) setup.routes.push_back(r);
         for (const auto& [k, v] : vars) setup.vars[k] = v;
         StartPlatform(setup);
-        c = StartComp({mode, row["ROUTEID"], std::to_string(instance), arg, "e2e_" + std::to_string(instance)},
-                      compEnv);
-        ASSERT_GT(ReadCommonp(buf.get(), comp::kCommonpLogon, 5000), 0) << CompOutput(c) << AllLogs();
-        pid = comp(c).pid;
-        ASSERT_TRUE(AwaitCount([&] { return CompTraceLog(c); }, readyText, 1, 5000)) << AllLogs();
+        mode_ = mode;
+        route_ = row["ROUTEID"];
+        StartInstance(instance, readyText, arg);
+        c = comps_.back();
     }
-    // Writes one byte to comp's control FIFO "3_<pid>_<instance>".
-    void Control(char cmd) {
-        int fd = open(run.file("fifo/3_" + std::to_string(pid) + "_" + std::to_string(instance)).c_str(),
+    // Starts one more instance of the route started by StartMode; its index
+    // into comps(), after its logon and `readyText`.
+    size_t StartInstance(int inst, const char* readyText, const std::string& arg = "0") {
+        const std::string a = sharedListener.valid() ? std::to_string(sharedListener.get()) : arg;
+        size_t i = StartComp({mode_, route_, std::to_string(inst), a, "e2e_" + std::to_string(inst)}, compEnv,
+                             sharedListener.valid() ? sharedListener.get() : -1);
+        comps_.push_back(i);
+        instances_.push_back(inst);
+        EXPECT_GT(ReadCommonp(buf.get(), comp::kCommonpLogon, 5000), 0) << CompOutput(i) << AllLogs();
+        if (comps_.size() == 1) pid = comp(i).pid;
+        EXPECT_TRUE(AwaitCount([&] { return CompTraceLog(i); }, readyText, 1, 5000)) << AllLogs();
+        return i;
+    }
+    // A listening socket on a free loopback port, non-blocking, that the
+    // instances started afterwards inherit (sharedPort names it).
+    void OpenSharedListener() {
+        sharedListener = Listen(&sharedPort);
+        fcntl(sharedListener.get(), F_SETFL, fcntl(sharedListener.get(), F_GETFL) | O_NONBLOCK);
+    }
+    // Tells instance number k (0: the first started) to accept one client,
+    // as the starter does when the shared listener is readable.
+    void Wake(size_t k = 0) { ControlOf(k, '0'); }
+    // Writes one byte to the control FIFO "3_<pid>_<instance>" of the first
+    // instance, or of instance number k.
+    void Control(char cmd) { ControlOf(0, cmd); }
+    void ControlOf(size_t k, char cmd) {
+        const pid_t p = comp(comps_.at(k)).pid;
+        int fd = open(run.file("fifo/3_" + std::to_string(p) + "_" + std::to_string(instances_.at(k))).c_str(),
                       O_WRONLY | O_NONBLOCK);
         ASSERT_GE(fd, 0);
         ASSERT_EQ(write(fd, &cmd, 1), 1);
@@ -75,11 +101,18 @@ protected:
     }
 
     int instance = 1;
-    size_t c = 0;
+    size_t c = 0;                              // comps() index of the first instance
+    comp::UniqueFd sharedListener;
+    int sharedPort = 0;
     pid_t pid = 0;
     std::vector<std::string> compEnv;          // extra environment of comp (FastClock)
     std::map<std::string, std::string> vars;   // [LOADVARS] changes
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
+
+private:
+    std::string mode_, route_;
+    std::vector<size_t> comps_;      // comps() index of each instance started
+    std::vector<int> instances_;     // their instance numbers
 };
 
 }  // namespace comptest

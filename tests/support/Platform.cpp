@@ -220,7 +220,8 @@ std::vector<std::string> PlatformTest::FastClock(int speed) {
     return {};
 }
 
-size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                               int inheritFd) {
     CompProc p;
     p.procName = args.size() >= 5 ? args[4] : "";
     p.outputPath = run.file("log/comp_" + std::to_string(comps_.size()) + ".out");
@@ -230,6 +231,7 @@ size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::
     plan.argv.insert(plan.argv.end(), args.begin(), args.end());
     plan.outputPath = p.outputPath;
     plan.env = env;
+    plan.inheritFd = inheritFd;
     std::string why;
     p.pid = kit::Spawn(plan, &why);
     EXPECT_GT(p.pid, 0) << why;

@@ -68,7 +68,9 @@ protected:
 
     // Starts the comp binary with argv[1..]; argv[5] names the trace log.
     // Returns an index into comps().
-    size_t StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+    // inheritFd: a descriptor comp keeps across exec (a shared listener).
+    size_t StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                     int inheritFd = -1);
     // The environment that runs comp under libfaketime with its clock going
     // `speed` times as fast ({} when libfaketime is not installed).
     static std::vector<std::string> FastClock(int speed);
