@@ -21,8 +21,8 @@
 
 #include "BenchPlatform.h"
 #include "LoadGen.h"
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "config/SysTable.h"

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 namespace compfuzz {
 

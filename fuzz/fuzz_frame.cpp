@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "TableImage.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 
 namespace {

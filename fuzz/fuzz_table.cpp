@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "config/SysTable.h"
 #include "config/TableLookup.h"

@@ -19,10 +19,10 @@
 #include <utility>
 #include <vector>
 
+#include "base/FdUtil.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "util/FdUtil.h"
 #include "util/StrTools.h"
 
 namespace {

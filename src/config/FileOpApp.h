@@ -2,7 +2,7 @@
 // changed in place with a backup.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

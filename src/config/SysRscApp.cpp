@@ -13,7 +13,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysTable.h"
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"

@@ -2,7 +2,7 @@
 // sections, and the lookups in the loaded-table segment.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

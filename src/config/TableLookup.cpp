@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"

@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace comp::table {
 

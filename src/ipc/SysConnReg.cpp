@@ -29,7 +29,7 @@
 #include <memory>
 #include <new>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"

@@ -17,9 +17,9 @@
 #include <new>
 #include <span>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "config/SysRscApp.h"
-#include "ipc/SysIpcSeam.h"
 #include "log/ErrLog.h"
 
 namespace {

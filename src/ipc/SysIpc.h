@@ -6,7 +6,7 @@
 #include <csignal>
 #include <sys/ipc.h>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

@@ -17,11 +17,11 @@
 #include <ctime>
 #include <string>
 
-#include "comp/SysGlobals.h"
+#include "base/FdUtil.h"
+#include "base/SysGlobals.h"
 #include "config/FileOpApp.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
-#include "util/FdUtil.h"
 
 namespace {
 

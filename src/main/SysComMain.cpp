@@ -12,8 +12,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "config/SysTable.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"

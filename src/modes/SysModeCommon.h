@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace comp {
 

@@ -19,8 +19,8 @@
 #include <optional>
 #include <vector>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "comp/SysPlugin.h"

@@ -14,10 +14,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/FdUtil.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "util/FdUtil.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "kit/Framing.h"
 #include "kit/KitIpc.h"
 #include "kit/KitProc.h"

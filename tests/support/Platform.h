@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "TestEnv.h"
-#include "comp/SysTypes.h"
+#include "base/FdUtil.h"
+#include "base/SysTypes.h"
 #include "kit/Router.h"
-#include "util/FdUtil.h"
 
 namespace comptest {
 

@@ -1,6 +1,6 @@
 #include "TestEnv.h"
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "kit/KitIpc.h"
 #include "kit/KitUtil.h"
 

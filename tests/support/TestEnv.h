@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace comptest {
 

@@ -15,7 +15,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 namespace kit {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "util/FdUtil.h"
+#include "base/FdUtil.h"
 
 namespace kit {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <map>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "kit/KitUtil.h"
 
 namespace kit {

@@ -1,4 +1,4 @@
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 // g_stProcState.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 
