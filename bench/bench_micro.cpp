@@ -25,6 +25,7 @@
 #include "comp/SysComPub.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
+#include "config/FileOpApp.h"
 #include "config/SysTable.h"
 #include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"

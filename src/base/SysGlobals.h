@@ -28,6 +28,12 @@ extern int g_iDebugSwitch;              // ErrLog codes 1..998 are written only 
 
 }  // extern "C"
 
+namespace comp {
+// Size limits of the logs until they are set.
+inline constexpr long kDefaultTraceSizeLimit = 20971520;   // 20 MiB
+inline constexpr long kDefaultErrLogSizeLimit = 1048576;   // 1 MiB
+}  // namespace comp
+
 // Settings of the trace log and the error log.
 struct LogSettings {
     char caTraceBase[256];    // trace base name; "../log/unkonwn.log" until SysSetLog

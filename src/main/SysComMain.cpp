@@ -14,6 +14,7 @@
 
 #include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
+#include "config/FileOpApp.h"
 #include "config/SysTable.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
