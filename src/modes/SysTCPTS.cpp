@@ -24,6 +24,7 @@
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "comp/SysPlugin.h"
+#include "config/SockBind.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysFIFO.h"
 #include "log/ErrLog.h"

@@ -131,13 +131,6 @@ std::string ReadFrame(int fd, int timeoutMs) {
     return kit::ReadFramed(fd, kit::Framing{}, timeoutMs, &msg, &why) ? std::string(msg.begin(), msg.end()) : "";
 }
 
-int LocalPort(int fd) {
-    sockaddr_in sa{};
-    socklen_t len = sizeof sa;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
-    return ntohs(sa.sin_port);
-}
-
 std::string Frame(const std::string& body) {
     char h[16];
     std::snprintf(h, sizeof h, "%04zu", body.size());

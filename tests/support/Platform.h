@@ -113,7 +113,6 @@ bool Send(int fd, const std::string& data);
 std::string ReadUntilClose(int fd, int timeoutMs, bool* closed = nullptr);
 // One message in the test framing (see Frame), or "" when none came.
 std::string ReadFrame(int fd, int timeoutMs);
-int LocalPort(int fd);
 // "NNNN" + body: the framing of MakeRouteRow (4 decimal digits of body length).
 std::string Frame(const std::string& body);
 

@@ -80,6 +80,10 @@ std::string ReadFile(const std::string& path);
 // Whether kernel.msgmax allows 64 KiB queue messages (raises it when root).
 bool EnsureBigQueueMessages(std::string* why);
 
+// Port a socket is bound to, and the backlog of a listener (from TCP_INFO).
+int LocalPort(int fd);
+int ListenerBacklog(int fd);
+
 // Runs fn in a child process that exits with fn's result; the child's pid.
 template <typename Fn>
 pid_t ForkChild(Fn fn) {
