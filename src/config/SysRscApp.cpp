@@ -225,6 +225,13 @@ void ReportOpenFail(const char* pcPath) {
 
 }  // namespace
 
+bool SysCfgPath(char* pcOut, int iOutLen) {
+    const char* pcRunDir = std::getenv("RUNDIR");
+    if (pcOut == nullptr || iOutLen <= 0 || pcRunDir == nullptr) return false;
+    const int iLen = std::snprintf(pcOut, static_cast<size_t>(iOutLen), "%s/etc/sys.cfg", pcRunDir);
+    return iLen >= 0 && iLen < iOutLen;
+}
+
 extern "C" {
 
 // ---------------------------------------------------------------------------

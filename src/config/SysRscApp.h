@@ -35,3 +35,7 @@ int findSubString2(const char* pcBuf, const char* pcText, int iLen);
 int getRandom(int iN);
 
 }  // extern "C"
+
+// Path of sys.cfg under $RUNDIR ("%s/etc/sys.cfg"); false when RUNDIR is unset
+// or the path does not fit.
+bool SysCfgPath(char* pcOut, int iOutLen);

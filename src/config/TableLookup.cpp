@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "base/SysGlobals.h"
+#include "base/SysShm.h"
 #include "config/SysRscApp.h"
-#include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
 
 namespace comp::table {
@@ -22,13 +22,12 @@ bool IsNullWord(const char* pcWord) { return std::strncmp(pcWord, "NULL", 4) == 
 // every lookup; a new id (a reset or a reloaded platform) replaces it.
 struct TableAttachment {
     int iShmId = -1;
-    const void* pvAddr = nullptr;
+    comp::ShmAttachment seg;
     std::size_t iSize = 0;
 
     void release() {
-        if (pvAddr != nullptr) SysShmdt(pvAddr);
+        seg.reset();
         iShmId = -1;
-        pvAddr = nullptr;
         iSize = 0;
     }
 };
@@ -172,23 +171,21 @@ int CountRows(std::span<const TableRecord> seg, const char* pcTable, const KeyLi
 
 bool AttachedTable(const char* pcSrc, std::span<const TableRecord>* pSeg) {
     TableAttachment& st = g_stTableAttachment;
-    if (st.pvAddr == nullptr || st.iShmId != g_iShmTblId) {
+    if (!st.seg || st.iShmId != g_iShmTblId) {
         st.release();
         struct shmid_ds stInfo {};
         if (g_iShmTblId < 0 || shmctl(g_iShmTblId, IPC_STAT, &stInfo) != 0) {
             COMP_ERRLOG("[%s,%d]table segment not found,shmid=[%d]", pcSrc, __LINE__, g_iShmTblId);
             return false;
         }
-        char* pcAddr = pcShmAt(g_iShmTblId);
-        if (pcAddr == nullptr || pcAddr == reinterpret_cast<char*>(-1)) {
+        if (!st.seg.attach(g_iShmTblId)) {
             COMP_ERRLOG("[%s,%d]attach table segment error,shmid=[%d]", pcSrc, __LINE__, g_iShmTblId);
             return false;
         }
         st.iShmId = g_iShmTblId;
-        st.pvAddr = pcAddr;
         st.iSize = stInfo.shm_segsz;
     }
-    *pSeg = std::span<const TableRecord>(static_cast<const TableRecord*>(st.pvAddr),
+    *pSeg = std::span<const TableRecord>(static_cast<const TableRecord*>(st.seg.get()),
                                          st.iSize / sizeof(TableRecord));
     return true;
 }

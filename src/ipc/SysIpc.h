@@ -70,6 +70,3 @@ int SysSemAttach(int iCount, SemCntl* pstTable);
 int SysGetShmIdByIndex(int iPosition, int iCount);
 
 }  // extern "C"
-
-// Path of sys.cfg under $RUNDIR ("%s/etc/sys.cfg"); false when it does not fit.
-bool SysCfgPath(char* pcOut, int iOutLen);

@@ -1,0 +1,23 @@
+#include "base/SysShm.h"
+
+#include <sys/shm.h>
+
+#include "base/SysIpcSeam.h"
+
+namespace comp {
+
+bool ShmAttachment::attach(int iShmId) {
+    reset();
+    if (seam::IpcCallFails(seam::kShmAt)) return false;
+    void* pvAddr = shmat(iShmId, nullptr, 0);
+    if (pvAddr == reinterpret_cast<void*>(-1)) return false;
+    addr_ = pvAddr;
+    return true;
+}
+
+void ShmAttachment::reset() {
+    if (addr_ != nullptr) shmdt(addr_);
+    addr_ = nullptr;
+}
+
+}  // namespace comp
