@@ -29,7 +29,7 @@
 #include "config/SysTable.h"
 #include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
-#include "kit/KitIpc.h"
+#include "kit/KitUtil.h"
 #include "log/SysTraceLog.h"
 #include "modes/SysModeCommon.h"
 #include "util/SysTcpBasi.h"

@@ -1,7 +1,6 @@
 #include "TestEnv.h"
 
 #include "base/SysGlobals.h"
-#include "kit/KitIpc.h"
 #include "kit/KitUtil.h"
 
 #include <netinet/in.h>
