@@ -6,6 +6,14 @@
 
 namespace comp {
 
+bool ShmIsLive(int iShmId, std::size_t* piSize) {
+    shmid_ds stInfo{};
+    if (iShmId < 0 || shmctl(iShmId, IPC_STAT, &stInfo) != 0) return false;
+    if ((stInfo.shm_perm.mode & SHM_DEST) != 0) return false;
+    if (piSize != nullptr) *piSize = stInfo.shm_segsz;
+    return true;
+}
+
 bool ShmAttachment::attach(int iShmId) {
     reset();
     if (seam::IpcCallFails(seam::kShmAt)) return false;

@@ -1,8 +1,17 @@
-// An attachment of a System V shared-memory segment, detached when its owner
-// goes. The attach goes through the IPC fault seam like the wrappers' own.
+// Shared-memory segments kept attached across calls: an attachment detached
+// when its owner goes (the attach goes through the IPC fault seam like the
+// wrappers' own), and the check that an attached segment is still live.
 #pragma once
 
+#include <cstddef>
+
 namespace comp {
+
+// Whether the segment iShmId is still live, with one shmctl(IPC_STAT): false
+// when it is gone (EIDRM, EINVAL) or was removed while still attached (it then
+// lingers with SHM_DEST set and its key reads IPC_PRIVATE, so that a new
+// segment can take the key). *piSize receives the size of a live segment.
+bool ShmIsLive(int iShmId, std::size_t* piSize = nullptr);
 
 class ShmAttachment {
 public:
