@@ -2,13 +2,14 @@
 #   make run         build, start the example platform in the foreground (Ctrl-C stops it)
 #   make test        build and run every test
 #   make test-asan   the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make test-release  the same built as Release (-O3), where gcc sees more
 #   make bench       build and run the benchmarks
 #   make fuzz        build the fuzz targets with clang and run each briefly
 JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test build-asan test-asan bench fuzz run clean
+.PHONY: all deps build test build-asan test-asan build-release test-release bench fuzz run clean
 
 all: build
 
@@ -30,6 +31,13 @@ test-asan: build-asan
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir $(BUILD)-asan -j $(JOBS) --output-on-failure
 
+build-release: deps
+	cmake -S . -B $(BUILD)-release -G Ninja -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(BUILD)-release -j $(JOBS)
+
+test-release: build-release
+	ctest --test-dir $(BUILD)-release -j $(JOBS) --output-on-failure
+
 bench: build
 	scripts/bench.sh $(BUILD)
 
@@ -44,4 +52,4 @@ run: build
 	scripts/run-example.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-release $(BUILD)-fuzz

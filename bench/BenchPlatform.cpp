@@ -20,7 +20,7 @@
 #include <sstream>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 #include "kit/KitIpc.h"
 #include "kit/KitUtil.h"
 

@@ -16,7 +16,7 @@
 #include <memory>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 #include "kit/KitConfig.h"
 #include "kit/KitIpc.h"
 #include "kit/KitUtil.h"

@@ -1,14 +1,20 @@
 // Set-up shared by the fuzz targets: a private run directory for the files a
-// target writes and for the error and trace logs, removed at exit.
+// target writes and for the error and trace logs, removed at exit, and a
+// private table segment removed when the process ends.
 #pragma once
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 namespace compfuzz {
 
@@ -49,6 +55,37 @@ inline void KeepLogsSmall() {
         std::snprintf(log.caTraceBase, sizeof log.caTraceBase, "%s/log/trace", RunDir().c_str());
         log.iTraceLevel = 5;
     }
+}
+
+// A private segment of iSize bytes, attached; its id in *piId. The table
+// lookups refuse a segment marked for removal, so it cannot be removed at
+// once; a watcher process removes it when this process ends, however it ends
+// (the watcher's read of a pipe returns when the last write end closes).
+inline void* LiveSegment(std::size_t iSize, int* piId) {
+    const int iId = shmget(IPC_PRIVATE, iSize, IPC_CREAT | 0600);
+    if (iId < 0) std::abort();
+    void* pvAddr = shmat(iId, nullptr, 0);
+    int fds[2];
+    if (pvAddr == reinterpret_cast<void*>(-1) || pipe2(fds, O_CLOEXEC) != 0) {
+        shmctl(iId, IPC_RMID, nullptr);
+        std::abort();
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[1]);
+        char c;
+        while (read(fds[0], &c, 1) < 0 && errno == EINTR) {
+        }
+        shmctl(iId, IPC_RMID, nullptr);
+        _exit(0);
+    }
+    close(fds[0]);
+    if (pid < 0) {
+        shmctl(iId, IPC_RMID, nullptr);
+        std::abort();
+    }
+    *piId = iId;
+    return pvAddr;
 }
 
 }  // namespace compfuzz

@@ -10,7 +10,6 @@
 // their size (SysGetMsgTypeFromMsg), and as a stream read from a socket
 // pair (SysTcpRecvMsg, then the type of each message read).
 #include <fcntl.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -24,8 +23,9 @@
 #include <string_view>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "TableImage.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 
 namespace {
@@ -57,13 +57,7 @@ struct Environment {
         log.lErrLogSizeLimit = 1 << 20;
 
         iTableSize = 4 * sizeof(TableRecord);
-        int iShmId = shmget(IPC_PRIVATE, iTableSize, IPC_CREAT | 0600);
-        if (iShmId < 0) std::abort();
-        pvTable = shmat(iShmId, nullptr, 0);
-        // Removed now, gone when the process ends, however it ends.
-        shmctl(iShmId, IPC_RMID, nullptr);
-        if (pvTable == reinterpret_cast<void*>(-1)) std::abort();
-        g_iShmTblId = iShmId;
+        pvTable = compfuzz::LiveSegment(iTableSize, &g_iShmTblId);
     }
     ~Environment() {
         std::error_code ec;

@@ -6,8 +6,6 @@
 // heap copy of the image through the row walk (any read past the image is an
 // AddressSanitizer report), and through the public routine on a shared-memory
 // segment holding the image.
-#include <sys/ipc.h>
-#include <sys/shm.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +17,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "config/SysTable.h"
 #include "config/TableLookup.h"
@@ -32,21 +30,13 @@ constexpr std::size_t kMaxWords = 16;
 constexpr std::size_t kSegRecords = 16;
 constexpr std::size_t kSegBytes = kSegRecords * sizeof(TableRecord);
 
-// A segment of the fuzzer's own, marked for removal at once: it stays while
-// attached and goes with the process however it ends.
+// A segment of the fuzzer's own, removed when the process ends.
 struct Segment {
     int iId = -1;
     char* pcAddr = nullptr;
     std::size_t iUsed = kSegBytes;
 
-    Segment() {
-        iId = shmget(IPC_PRIVATE, kSegBytes, IPC_CREAT | 0600);
-        if (iId < 0) std::abort();
-        void* pv = shmat(iId, nullptr, 0);
-        if (pv == reinterpret_cast<void*>(-1)) std::abort();
-        shmctl(iId, IPC_RMID, nullptr);
-        pcAddr = static_cast<char*>(pv);
-    }
+    Segment() { pcAddr = static_cast<char*>(compfuzz::LiveSegment(kSegBytes, &iId)); }
     void load(const uint8_t* data, std::size_t size) {
         if (size > kSegBytes) size = kSegBytes;
         std::memcpy(pcAddr, data, size);

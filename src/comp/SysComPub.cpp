@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "comp/SysPlatMsg.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysConnReg.h"

@@ -1,7 +1,7 @@
 // Start-up, logon/logoff and quitting of the process, and the route row.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

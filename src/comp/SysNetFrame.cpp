@@ -15,7 +15,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"

@@ -2,7 +2,7 @@
 // rule, and finding a message's type by the route's type rule.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "ipc/SysConnReg.h"
 #include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"

@@ -3,7 +3,7 @@
 // notifications N001-N005 and the registry calls of the modes.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

@@ -15,7 +15,7 @@
 #include <cstring>
 #include <memory>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/FileOpApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"

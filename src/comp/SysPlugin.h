@@ -4,7 +4,7 @@
 // library takes effect at the next message.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

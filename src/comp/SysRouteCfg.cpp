@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "log/ErrLog.h"
 
 namespace {

@@ -19,10 +19,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/FdUtil.h"
+#include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "util/FdUtil.h"
 #include "util/StrTools.h"
 
 namespace {
@@ -308,6 +309,17 @@ int SysGetAppVar(const char* pcName, char* pcValue) {
         return -1;
     }
     return 0;
+}
+
+void SysSetLog(const char* pcName) {
+    if (!SysSetTraceName(pcName)) return;
+    // The threshold is in force before TRC_LOGSIZE_SET is read, so that the
+    // reader's own lines already obey it.
+    char value[256] = {0};
+    SysSetTraceLevel(SysGetAppVar("LOG_LEVEL", value) == 0 ? std::atoi(value) : 1);
+    std::memset(value, 0, sizeof value);
+    SysSetTraceSizeLimit(SysGetAppVar("TRC_LOGSIZE_SET", value) == 0 ? std::atol(value) * 1024L
+                                                                     : comp::kDefaultTraceSizeLimit);
 }
 
 // 1 and the entry when it exists, 0 past the last entry. Lines are not

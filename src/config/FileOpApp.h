@@ -1,8 +1,8 @@
 // app.cfg: tagged parts of name/value lines, read under a whole-file lock and
-// changed in place with a backup.
+// changed in place with a backup; the trace-log settings taken from it.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 
@@ -16,5 +16,10 @@ int filefdcopy(int iSrcFd, int iDstFd);
 int filecopy(const char* pcSrc, const char* pcDst);
 int Write(int iFd, const void* pvData, int iLen);
 int appSleep(int iSec, int iMsec);
+
+// Names the trace log (see SysSetTraceName) and sets its threshold and size
+// limit from LOG_LEVEL and TRC_LOGSIZE_SET (KiB) of [APPVARS]; 1 and 20 MiB
+// when they are missing.
+void SysSetLog(const char* pcName);
 
 }  // extern "C"

@@ -5,15 +5,18 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <string_view>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/SysTable.h"
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"
@@ -224,6 +227,38 @@ void ReportOpenFail(const char* pcPath) {
 }
 
 }  // namespace
+
+bool SysCfgPath(char* pcOut, int iOutLen) {
+    const char* pcRunDir = std::getenv("RUNDIR");
+    if (pcOut == nullptr || iOutLen <= 0 || pcRunDir == nullptr) return false;
+    const int iLen = std::snprintf(pcOut, static_cast<size_t>(iOutLen), "%s/etc/sys.cfg", pcRunDir);
+    return iLen >= 0 && iLen < iOutLen;
+}
+
+// Key and size of the [SHMRESOURCE] entry at the 1-based position.
+bool SysShmEntryAt(int iPosition, int iCount, key_t* pKey, int* piSize) {
+    if (iCount < 1 || iPosition < 1 || iPosition > iCount) {
+        COMP_ERRLOG("[%s,%d]shared memory position %d not in 1..%d", SRC_NAME, __LINE__, iPosition, iCount);
+        return false;
+    }
+    char caPath[256];
+    if (!SysCfgPath(caPath, sizeof caPath)) {
+        COMP_ERRLOG("[%s,%d]sys.cfg path too long or RUNDIR unset", SRC_NAME, __LINE__);
+        return false;
+    }
+    std::unique_ptr<ShmCfgEntry[]> entries(new (std::nothrow) ShmCfgEntry[static_cast<size_t>(iCount)]());
+    if (!entries) {
+        COMP_ERRLOG("[%s] malloc err [%d] ", SRC_NAME, errno);
+        return false;
+    }
+    if (GetShmConfigValue(iCount, caPath, entries.get()) != 0) {
+        COMP_ERRLOG("[%s] get share memory cfg err [%d] ", SRC_NAME, errno);
+        return false;
+    }
+    *pKey = entries[iPosition - 1].iKey;
+    *piSize = entries[iPosition - 1].iSize;
+    return true;
+}
 
 extern "C" {
 

@@ -2,7 +2,9 @@
 // sections, and the lookups in the loaded-table segment.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include <sys/types.h>
+
+#include "base/SysTypes.h"
 
 extern "C" {
 
@@ -35,3 +37,12 @@ int findSubString2(const char* pcBuf, const char* pcText, int iLen);
 int getRandom(int iN);
 
 }  // extern "C"
+
+// Path of sys.cfg under $RUNDIR ("%s/etc/sys.cfg"); false when RUNDIR is unset
+// or the path does not fit.
+bool SysCfgPath(char* pcOut, int iOutLen);
+
+// Key and size of the [SHMRESOURCE] entry at the 1-based position among
+// iCount entries (the first is the registry segment, the second the table
+// segment); false after the report.
+bool SysShmEntryAt(int iPosition, int iCount, key_t* pKey, int* piSize);

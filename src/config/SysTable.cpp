@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"

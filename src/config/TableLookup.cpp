@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
+#include "base/SysShm.h"
 #include "config/SysRscApp.h"
-#include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
 
 namespace comp::table {
@@ -17,22 +17,49 @@ namespace {
 // Pair that stands for "no condition" in SysGetRecords, compared on four bytes.
 bool IsNullWord(const char* pcWord) { return std::strncmp(pcWord, "NULL", 4) == 0; }
 
-// The table segment attached by this process. The segment is only read and
-// lives as long as the platform, so one attachment per segment id serves
-// every lookup; a new id (a reset or a reloaded platform) replaces it.
+// Position of the table segment among the [SHMRESOURCE] entries.
+constexpr int kTableShmPosition = 2;
+
+// The table segment attached by this process. The segment is only read, so
+// one attachment serves every lookup while the segment lives; a new id (a
+// reset, or a reload of the tables) replaces it.
 struct TableAttachment {
     int iShmId = -1;
-    const void* pvAddr = nullptr;
+    comp::ShmAttachment seg;
     std::size_t iSize = 0;
 
     void release() {
-        if (pvAddr != nullptr) SysShmdt(pvAddr);
+        seg.reset();
         iShmId = -1;
-        pvAddr = nullptr;
         iSize = 0;
     }
 };
 TableAttachment g_stTableAttachment;
+
+// Id of the segment now under the table key, or -1.
+int TableSegmentByKey() {
+    key_t key = 0;
+    int iSize = 0;
+    if (!SysShmEntryAt(kTableShmPosition, g_stCommCfgValue.iShareMemCount, &key, &iSize)) return -1;
+    return shmget(key, 0, 0);
+}
+
+// Makes g_iShmTblId name a live table segment and gives its size. The
+// platform reloads its tables by removing the segment and loading a new one
+// under the same key: a removed segment is replaced by the one now under the
+// key, which is said once in the error log. False after the report when
+// there is none.
+bool LiveTableSegment(const char* pcSrc, std::size_t* piSize) {
+    if (comp::ShmIsLive(g_iShmTblId, piSize)) return true;
+    const int iNew = g_iShmTblId >= 0 ? TableSegmentByKey() : -1;
+    if (iNew < 0 || !comp::ShmIsLive(iNew, piSize)) {
+        COMP_ERRLOG("[%s,%d]table segment not found,shmid=[%d]", pcSrc, __LINE__, g_iShmTblId);
+        return false;
+    }
+    COMP_ERRLOG("[%s,%d]table segment reloaded,old shmid=[%d],new shmid=[%d]", pcSrc, __LINE__, g_iShmTblId, iNew);
+    g_iShmTblId = iNew;
+    return true;
+}
 
 }  // namespace
 
@@ -172,23 +199,19 @@ int CountRows(std::span<const TableRecord> seg, const char* pcTable, const KeyLi
 
 bool AttachedTable(const char* pcSrc, std::span<const TableRecord>* pSeg) {
     TableAttachment& st = g_stTableAttachment;
-    if (st.pvAddr == nullptr || st.iShmId != g_iShmTblId) {
+    // One shmctl per lookup while the attachment serves.
+    if (!st.seg || st.iShmId != g_iShmTblId || !comp::ShmIsLive(st.iShmId)) {
         st.release();
-        struct shmid_ds stInfo {};
-        if (g_iShmTblId < 0 || shmctl(g_iShmTblId, IPC_STAT, &stInfo) != 0) {
-            COMP_ERRLOG("[%s,%d]table segment not found,shmid=[%d]", pcSrc, __LINE__, g_iShmTblId);
-            return false;
-        }
-        char* pcAddr = pcShmAt(g_iShmTblId);
-        if (pcAddr == nullptr || pcAddr == reinterpret_cast<char*>(-1)) {
+        std::size_t iSize = 0;
+        if (!LiveTableSegment(pcSrc, &iSize)) return false;
+        if (!st.seg.attach(g_iShmTblId)) {
             COMP_ERRLOG("[%s,%d]attach table segment error,shmid=[%d]", pcSrc, __LINE__, g_iShmTblId);
             return false;
         }
         st.iShmId = g_iShmTblId;
-        st.pvAddr = pcAddr;
-        st.iSize = stInfo.shm_segsz;
+        st.iSize = iSize;
     }
-    *pSeg = std::span<const TableRecord>(static_cast<const TableRecord*>(st.pvAddr),
+    *pSeg = std::span<const TableRecord>(static_cast<const TableRecord*>(st.seg.get()),
                                          st.iSize / sizeof(TableRecord));
     return true;
 }

@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace comp::table {
 
@@ -105,8 +105,10 @@ const TableRecord* FindRow(std::span<const TableRecord> seg, const char* pcTable
 // to pcRows + n * row length when pcRows is given.
 int CountRows(std::span<const TableRecord> seg, const char* pcTable, const KeyList& stKeys, char* pcRows);
 
-// The table segment g_iShmTblId names, attached once per segment id and kept
-// attached. An empty span with the failure reported when it cannot be had.
+// The table segment g_iShmTblId names, attached once per segment and kept
+// attached while it lives; a segment the platform removed is replaced by the
+// one now under the table key of sys.cfg. False with the failure reported
+// when there is none or it cannot be attached.
 bool AttachedTable(const char* pcSrc, std::span<const TableRecord>* pSeg);
 
 }  // namespace comp::table

@@ -13,8 +13,9 @@
 // an endless loop.
 //
 // The segment is attached once per process and key/size and the attachment is
-// reused; before each use the key is looked up again, so a segment that was
-// removed or replaced is dropped and attached afresh, as a fresh attach would.
+// reused; before each use the attached segment is checked to be still live, so
+// a segment that was removed or replaced is dropped and attached afresh, as a
+// fresh attach would.
 #include "ipc/SysConnReg.h"
 
 #include <sys/ipc.h>
@@ -26,10 +27,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
-#include <new>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
+#include "base/SysShm.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
@@ -92,35 +92,6 @@ bool StripInput(const char* text, char (&buf)[kMaxInputText], size_t cap) {
     return std::strlen(buf) < cap;
 }
 
-// ---------------------------------------------------------------------------
-// [SHMRESOURCE] lookup.
-// ---------------------------------------------------------------------------
-
-// Key and size of the [SHMRESOURCE] entry at the 1-based position.
-bool ReadShmEntry(int iPosition, int iCount, key_t* pKey, int* piSize) {
-    if (iCount < 1 || iPosition < 1 || iPosition > iCount) {
-        COMP_ERRLOG("[%s,%d]shared memory position %d not in 1..%d", SRC_NAME, __LINE__, iPosition, iCount);
-        return false;
-    }
-    char caPath[256];
-    if (!SysCfgPath(caPath, sizeof caPath)) {
-        COMP_ERRLOG("[%s,%d]sys.cfg path too long or RUNDIR unset", SRC_NAME, __LINE__);
-        return false;
-    }
-    std::unique_ptr<ShmCfgEntry[]> entries(new (std::nothrow) ShmCfgEntry[static_cast<size_t>(iCount)]());
-    if (!entries) {
-        COMP_ERRLOG("[%s] malloc err [%d] ", SRC_NAME, errno);
-        return false;
-    }
-    if (GetShmConfigValue(iCount, caPath, entries.get()) != 0) {
-        COMP_ERRLOG("[%s] get share memory cfg err [%d] ", SRC_NAME, errno);
-        return false;
-    }
-    *pKey = entries[iPosition - 1].iKey;
-    *piSize = entries[iPosition - 1].iSize;
-    return true;
-}
-
 // The configured size must leave room for the whole node array. The segment
 // is then looked up with that size, which fails for a smaller segment.
 bool ConfiguredSizeOk(key_t key, int iSize) {
@@ -150,7 +121,7 @@ private:
 // Attaches the [SHMRESOURCE] segment at the 1-based position after checking
 // that its configured size holds the registry.
 bool AttachConfigured(int iPosition, int iCount, ShmAttachment& seg, key_t* pKey, int* piSize) {
-    if (!ReadShmEntry(iPosition, iCount, pKey, piSize) || !ConfiguredSizeOk(*pKey, *piSize)) return false;
+    if (!SysShmEntryAt(iPosition, iCount, pKey, piSize) || !ConfiguredSizeOk(*pKey, *piSize)) return false;
     if (seg.attach(*pKey, *piSize)) return true;
     writelog(LOG_ERROR, nullptr, 0, "AttachShemem error\n");
     return false;
@@ -183,14 +154,15 @@ char* MapRegistry() {
         DropMap();
         return nullptr;
     }
-    int id = shmget(key, static_cast<size_t>(size), 0);
-    if (g_stMap.addr && id >= 0 && id == g_stMap.shmid && key == g_stMap.key && size == g_stMap.size)
+    // One shmctl on the hot path: a segment removed (or replaced by a new
+    // one under the key) shows as no longer live.
+    if (g_stMap.addr && key == g_stMap.key && size == g_stMap.size && comp::ShmIsLive(g_stMap.shmid))
         return g_stMap.addr;
     DropMap();
     if (!ConfiguredSizeOk(key, size)) return nullptr;
     char* addr = nullptr;
     if (AttachShmem(key, size, &addr) != 0 || !addr) return nullptr;
-    id = shmget(key, static_cast<size_t>(size), 0);
+    const int id = shmget(key, static_cast<size_t>(size), 0);
     if (id < 0) {
         DetachShmem(addr);
         return nullptr;

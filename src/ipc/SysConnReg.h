@@ -2,7 +2,7 @@
 // free and a busy circular list, guarded by one semaphore with undo on exit.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

@@ -15,10 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "comp/SysGlobals.h"
+#include "base/FdUtil.h"
+#include "base/SysGlobals.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "util/FdUtil.h"
 
 namespace {
 

@@ -11,15 +11,14 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <span>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "config/SysRscApp.h"
-#include "ipc/SysIpcSeam.h"
 #include "log/ErrLog.h"
 
 namespace {
@@ -172,13 +171,6 @@ std::unique_ptr<Entry[]> AllocEntries(int iCount) {
 bool ValidSlot(int iIndex) { return iIndex >= 0 && iIndex < kCtlTableSize; }
 
 }  // namespace
-
-bool SysCfgPath(char* pcOut, int iOutLen) {
-    const char* pcRunDir = std::getenv("RUNDIR");
-    if (pcOut == nullptr || iOutLen <= 0 || pcRunDir == nullptr) return false;
-    const int iLen = std::snprintf(pcOut, static_cast<size_t>(iOutLen), "%s/etc/sys.cfg", pcRunDir);
-    return iLen >= 0 && iLen < iOutLen;
-}
 
 extern "C" {
 

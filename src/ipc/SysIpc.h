@@ -6,7 +6,7 @@
 #include <csignal>
 #include <sys/ipc.h>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 
@@ -70,6 +70,3 @@ int SysSemAttach(int iCount, SemCntl* pstTable);
 int SysGetShmIdByIndex(int iPosition, int iCount);
 
 }  // extern "C"
-
-// Path of sys.cfg under $RUNDIR ("%s/etc/sys.cfg"); false when it does not fit.
-bool SysCfgPath(char* pcOut, int iOutLen);

@@ -2,7 +2,7 @@
 // 1,024-byte pieces, taken out oldest or newest first.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

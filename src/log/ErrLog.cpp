@@ -16,8 +16,8 @@
 #include <ctime>
 #include <string>
 
+#include "base/FdUtil.h"
 #include "log/LogFormat.h"
-#include "util/FdUtil.h"
 
 namespace {
 

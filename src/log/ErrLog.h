@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 extern "C" {
 

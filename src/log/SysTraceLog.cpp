@@ -17,18 +17,16 @@
 #include <ctime>
 #include <string>
 
-#include "comp/SysGlobals.h"
-#include "config/FileOpApp.h"
+#include "base/FdUtil.h"
+#include "base/SysGlobals.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
-#include "util/FdUtil.h"
 
 namespace {
 
 constexpr int kMaxText = 4096;        // formatted text of one entry
 constexpr int kMaxDump = 4096;        // dumped bytes of one entry
 constexpr int kOpenAttempts = 5;
-constexpr long kDefaultSizeLimit = 20971520;
 
 LogSettings& Settings() { return g_stProcState.stLog; }
 
@@ -83,17 +81,15 @@ int VWriteLog(int iLevel, const char* pcFile, const void* pvData, int iLen, cons
 
 bool SysTraceEnabled(int iLevel) { return iLevel >= Settings().iTraceLevel; }
 
-extern "C" {
-
-void SysSetLog(const char* pcName) {
+bool SysSetTraceName(const char* pcName) {
     if (pcName == nullptr) {
         std::printf("%s %d error\n", SRC_NAME, __LINE__);
-        return;
+        return false;
     }
     const char* slash = std::strrchr(pcName, '/');
     if (slash == nullptr) {
         std::printf("log file name error[%s]\n", pcName);
-        return;
+        return false;
     }
     // Platform daemons and tools ("com", "ebc", "sysshut", "showsem" or a
     // leading piece of one, and "Daem...") share one file; everybody else
@@ -109,13 +105,14 @@ void SysSetLog(const char* pcName) {
         std::snprintf(st.caTraceBase, sizeof st.caTraceBase, "%s", pcName);
     else
         std::snprintf(st.caTraceBase, sizeof st.caTraceBase, "%s_%d", pcName, getpid());
-
-    char value[256] = {0};
-    st.iTraceLevel = (SysGetAppVar("LOG_LEVEL", value) == 0) ? std::atoi(value) : 1;
-    std::memset(value, 0, sizeof value);
-    st.lTraceSizeLimit =
-        (SysGetAppVar("TRC_LOGSIZE_SET", value) == 0) ? std::atol(value) * 1024L : kDefaultSizeLimit;
+    return true;
 }
+
+void SysSetTraceLevel(int iLevel) { Settings().iTraceLevel = iLevel; }
+
+void SysSetTraceSizeLimit(long lBytes) { Settings().lTraceSizeLimit = lBytes; }
+
+extern "C" {
 
 int logGetTimeNew(char* pcBuf) {
     static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};

@@ -12,8 +12,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
+#include "config/FileOpApp.h"
 #include "config/SysTable.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "comp/SysPlatMsg.h"
 #include "config/FileOpApp.h"
 #include "config/SysRscApp.h"

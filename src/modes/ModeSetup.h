@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 #include "modes/Engine.h"
-#include "util/FdUtil.h"
+#include "base/FdUtil.h"
 
 namespace comp {
 

@@ -4,7 +4,7 @@
 // private to their mode's file.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 

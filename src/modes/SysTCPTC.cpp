@@ -15,8 +15,8 @@
 #include <cstring>
 #include <optional>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "comp/SysPlugin.h"

@@ -26,11 +26,12 @@
 #include <optional>
 #include <vector>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "comp/SysPlugin.h"
+#include "config/SockBind.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysFIFO.h"
 #include "log/ErrLog.h"

@@ -11,17 +11,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
-#include "config/SysRscApp.h"
+#include "base/FdUtil.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
-#include "util/FdUtil.h"
 
 namespace {
 
-constexpr int kDefaultBacklog = 96;
 // A receive gives up at the third would-block result of one call.
 constexpr int kRecvErrorLimit = 3;
 // Pause before a receive is retried after a would-block result.
@@ -52,18 +49,9 @@ void AddrText(const sockaddr_in& stAddr, char (&caIp)[kIpTextLen]) {
     if (inet_ntop(AF_INET, &stAddr.sin_addr, caIp, sizeof caIp) == nullptr) caIp[0] = '\0';
 }
 
-// Listen backlog: KERNEL_BACKLOG of the loaded variables, 96 when missing.
-int ListenBacklog() {
-    char caValue[1100] = {};   // a table value is at most 1,024 bytes
-    if (SysGetenvByName("KERNEL_BACKLOG", caValue) != 0) return kDefaultBacklog;
-    return std::atoi(caValue);
-}
-
 }  // namespace
 
-extern "C" {
-
-int iSockBind(const char* pcIp, int iPort) {
+int iSockListen(const char* pcIp, int iPort, int iBacklog) {
     comp::UniqueFd sock(socket(AF_INET, SOCK_STREAM, 0));
     if (sock.get() < 0) {
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]socket() error", SRC_NAME, __LINE__);
@@ -82,12 +70,14 @@ int iSockBind(const char* pcIp, int iPort) {
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]bind() [%s:%d]error", SRC_NAME, __LINE__, pcIp, iPort);
         return -1;
     }
-    if (listen(sock.get(), ListenBacklog()) != 0) {
+    if (listen(sock.get(), iBacklog) != 0) {
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]listen() error", SRC_NAME, __LINE__);
         return -1;
     }
     return sock.release();
 }
+
+extern "C" {
 
 int iSockAccept(int iListenFd) {
     socklen_t iLen = sizeof g_stAcceptPeer;

@@ -2,9 +2,13 @@
 // codes; the modes, which know the route and the peer, decide what follows.
 #pragma once
 
+// A listening socket bound to pcIp:iPort with the given backlog; the
+// descriptor, or -1. The process's listeners come from iSockBind, which adds
+// the configured backlog.
+int iSockListen(const char* pcIp, int iPort, int iBacklog);
+
 extern "C" {
 
-int iSockBind(const char* pcIp, int iPort);
 int iSockAccept(int iListenFd);
 int iSockAcceptInfo(int iListenFd, char* pcIp, int* piPort);
 int iGetPeer(int iSock, char* pcIp, int* piPort);

@@ -1,5 +1,5 @@
-// app.cfg: its readers, the writer that changes one variable in place, and
-// the file lock both sides take.
+// app.cfg: its readers, the writer that changes one variable in place, the
+// file lock both sides take, and the trace-log settings read from it.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -8,6 +8,7 @@
 
 #include "UnitFixture.h"
 #include "config/FileOpApp.h"
+#include "log/SysTraceLog.h"
 
 namespace {
 
@@ -185,6 +186,29 @@ TEST_F(AppCfg, ConcurrentChangesOfDifferentVariablesBothLand) {
     EXPECT_EQ(Var("LOG_LEVEL"), std::to_string(kRounds));
     EXPECT_EQ(Var("FTPUSER"), std::to_string(kRounds));
     EXPECT_EQ(Var("STATION_ID"), "0123456789ABCDEF");
+}
+
+TEST_F(AppCfg, SetLogTakesThresholdAndSizeLimitFromAppVars) {
+    const LogSettings& st = g_stProcState.stLog;
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\nTRC_LOGSIZE_SET 2\n[]\n");
+    SysSetLog(run.file("log/com_tsproc").c_str());
+    EXPECT_EQ(std::string(st.caTraceBase), run.file("log/com_tsproc_") + std::to_string(getpid()));
+    EXPECT_EQ(st.iTraceLevel, 3);
+    EXPECT_EQ(st.lTraceSizeLimit, 2048);
+
+    SysSetLog("noslash");  // refused before app.cfg is read: nothing changes
+    EXPECT_EQ(std::string(st.caTraceBase), run.file("log/com_tsproc_") + std::to_string(getpid()));
+
+    // Missing values give the defaults; the threshold read first already
+    // holds back the INFOMATION line about the missing size.
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\n[]\n");
+    SysSetLog(run.file("log/com_x").c_str());
+    EXPECT_EQ(st.lTraceSizeLimit, 20971520);
+    EXPECT_FALSE(Logged("[TRC_LOGSIZE_SET] is not found in [APPVARS]"));
+    run.write("etc/app.cfg", "[APPVARS]\n[]\n");
+    SysSetLog(run.file("log/com_x").c_str());
+    EXPECT_EQ(st.iTraceLevel, 1);
+    EXPECT_TRUE(Logged("[TRC_LOGSIZE_SET] is not found in [APPVARS]"));
 }
 
 }  // namespace

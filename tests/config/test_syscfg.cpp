@@ -88,7 +88,9 @@ TEST_F(SysCfg, InitFileCreatesMissingFileAndResolvesEnvName) {
     CloseFile(fd);
     unsetenv("NETCFG_TEST_PATH");
     EXPECT_EQ(InitFile("NETCFG_TEST_PATH", 2), -1);
-    EXPECT_EQ(InitFile(("/" + std::string(120, 'p')).c_str(), 1), -1);   // does not fit 100 bytes
+    std::string tooLong(121, 'p');   // does not fit 100 bytes
+    tooLong[0] = '/';
+    EXPECT_EQ(InitFile(tooLong.c_str(), 1), -1);
 }
 
 TEST_F(SysCfg, CommCfgTakesTheFirstOccurrenceWhateverTheSeparator) {

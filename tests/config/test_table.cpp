@@ -165,6 +165,52 @@ TEST_F(Table, NewSegmentIdIsFollowedAndAMissingOneReported) {
     EXPECT_TRUE(Contains(Logs(), "SysGetValueByTableKey error"));
 }
 
+TEST_F(Table, RemovedSegmentFailsLookupsUntilTheKeyNamesANewOne) {
+    // The table segment is the second [SHMRESOURCE] entry of sys.cfg.
+    key_t key = 0;
+    const int iFirst = keys.newShm(static_cast<int>(img.imageBytes()), &key);
+    ASSERT_TRUE(img.writeTo(iFirst));
+    run.write("etc/sys.cfg", "[SHMRESOURCE]\nCONNREG 1 4660 4096\nTABLE 2 " + std::to_string(key) + " " +
+                                 std::to_string(img.imageBytes()) + "\n");
+    g_stCommCfgValue.iShareMemCount = 2;
+    g_iShmTblId = iFirst;
+    ASSERT_EQ(SysGetenvByName("MAX_COM_NUM", value), 0);
+
+    // Removed under the live attachment: its old rows are not served.
+    ASSERT_EQ(shmctl(iFirst, IPC_RMID, nullptr), 0);
+    EXPECT_EQ(SysGetenvByName("MAX_COM_NUM", value), -1);
+    EXPECT_TRUE(Contains(g_caMsg, "]table segment not found,shmid=[" + std::to_string(iFirst) + "]"));
+    RouteRecord stRoute{};
+    EXPECT_EQ(SysGetSingleRecord("PLAT_STATICROUTEINF", &stRoute, "ROUTEID", "1", PARA_END), -1);
+
+    // Reloaded under the same key with changed rows.
+    auto load = [&](const char* pcMaxCom, const char* pcName) {
+        comptest::TableImage next;
+        next.appendVar("MAX_COM_NUM", pcMaxCom).appendRoute(Route("1", "1", pcName));
+        const int iId = shmget(key, next.imageBytes(), IPC_CREAT | IPC_EXCL | 0666);
+        EXPECT_TRUE(next.writeTo(iId));
+        return iId;
+    };
+    const int iSecond = load("512", "alpha-2");
+    ASSERT_EQ(SysGetenvByName("MAX_COM_NUM", value), 0);
+    EXPECT_STREQ(value, "512");
+    EXPECT_EQ(g_iShmTblId, iSecond);
+    ASSERT_EQ(SysGetSingleRecord("PLAT_STATICROUTEINF", &stRoute, "ROUTEID", "1", PARA_END), 0);
+    EXPECT_STREQ(stRoute.caField[RT_ROUTENAME], "alpha-2");
+    const std::string reloaded = "table segment reloaded,old shmid=[" + std::to_string(iFirst) +
+                                 "],new shmid=[" + std::to_string(iSecond) + "]";
+    const std::string logs = Logs();
+    EXPECT_EQ(logs.find(reloaded), logs.rfind(reloaded)) << "said once";
+    EXPECT_NE(logs.find(reloaded), std::string::npos);
+
+    // A reload between two lookups: the next lookup already has the new rows.
+    ASSERT_EQ(shmctl(iSecond, IPC_RMID, nullptr), 0);
+    const int iThird = load("1024", "alpha-3");
+    ASSERT_EQ(SysGetenvByName("MAX_COM_NUM", value), 0);
+    EXPECT_STREQ(value, "1024");
+    EXPECT_EQ(g_iShmTblId, iThird);
+}
+
 TEST_F(Table, TextHelpers) {
     EXPECT_EQ(getValueByKey("A=1;KEY=22;KEY=3;", "KEY=", value), 0);
     EXPECT_STREQ(value, "22");

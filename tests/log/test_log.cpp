@@ -106,27 +106,19 @@ TEST_F(TraceLog, RotatesOneEntryPastTheLimit) {
     EXPECT_NE(ReadFile(today).find("MSG:fourth"), npos);
 }
 
-TEST_F(TraceLog, SetLogNamesFilesAndReadsAppVars) {
-    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\nTRC_LOGSIZE_SET 2\n[]\n");
+TEST_F(TraceLog, BaseNamesOfDaemonsAreSharedOthersTakeThePid) {
     const LogSettings& st = g_stProcState.stLog;
-    SysSetLog(run.file("log/com_tsproc").c_str());
+    EXPECT_TRUE(SysSetTraceName(run.file("log/com_tsproc").c_str()));
     EXPECT_EQ(std::string(st.caTraceBase), run.file("log/com_tsproc_") + std::to_string(getpid()));
-    EXPECT_EQ(st.iTraceLevel, 3);
-    EXPECT_EQ(st.lTraceSizeLimit, 2048);
-
-    SysSetLog("x/co");   // a leading piece of "com": shared, kept as it stands
+    EXPECT_TRUE(SysSetTraceName("x/co"));   // a leading piece of "com": shared, kept as it stands
     EXPECT_STREQ(st.caTraceBase, "x/co");
-    SysSetLog("x/Daemon7");
+    EXPECT_TRUE(SysSetTraceName("x/Daemon7"));
     EXPECT_STREQ(st.caTraceBase, "x/Daemon7");
-    SysSetLog("x/comp");
+    EXPECT_TRUE(SysSetTraceName("x/comp"));
     EXPECT_EQ(std::string(st.caTraceBase), "x/comp_" + std::to_string(getpid()));
-    SysSetLog("noslash");  // refused, previous name kept
+    EXPECT_FALSE(SysSetTraceName("noslash"));  // refused, previous name kept
+    EXPECT_FALSE(SysSetTraceName(nullptr));
     EXPECT_EQ(std::string(st.caTraceBase), "x/comp_" + std::to_string(getpid()));
-
-    run.write("etc/app.cfg", "[APPVARS]\n[]\n");
-    SysSetLog(run.file("log/com_x").c_str());
-    EXPECT_EQ(st.iTraceLevel, 1);
-    EXPECT_EQ(st.lTraceSizeLimit, 20971520);
 }
 
 TEST_F(TraceLog, TwoProcessesAppendWholeEntries) {

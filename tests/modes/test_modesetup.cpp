@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 
 #include "UnitFixture.h"
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "ipc/SysFIFO.h"
 #include "modes/ModeSetup.h"
 #include "modes/SockTable.h"

@@ -1,12 +1,14 @@
 #include "TestEnv.h"
 
-#include "comp/SysGlobals.h"
-#include "kit/KitIpc.h"
+#include "base/SysGlobals.h"
 #include "kit/KitUtil.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -115,6 +117,20 @@ bool EnsureBigQueueMessages(std::string* why) {
     std::vector<std::string> lines = kit::EnsureQueueLimits();
     for (const std::string& l : lines) *why += l + "\n";
     return lines.empty();
+}
+
+int LocalPort(int fd) {
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
+    return ntohs(sa.sin_port);
+}
+
+int ListenerBacklog(int fd) {
+    // Linux reports a listener's backlog in the sacked count of TCP_INFO.
+    tcp_info info{};
+    socklen_t len = sizeof info;
+    return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 ? static_cast<int>(info.tcpi_sacked) : -1;
 }
 
 }  // namespace comptest

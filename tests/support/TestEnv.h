@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace comptest {
 
@@ -79,6 +79,10 @@ void ResetGlobals();
 std::string ReadFile(const std::string& path);
 // Whether kernel.msgmax allows 64 KiB queue messages (raises it when root).
 bool EnsureBigQueueMessages(std::string* why);
+
+// Port a socket is bound to, and the backlog of a listener (from TCP_INFO).
+int LocalPort(int fd);
+int ListenerBacklog(int fd);
 
 // Runs fn in a child process that exits with fn's result; the child's pid.
 template <typename Fn>

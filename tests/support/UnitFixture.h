@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "TestEnv.h"
-#include "comp/SysGlobals.h"
-#include "ipc/SysIpcSeam.h"
+#include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 
 namespace comptest {
 

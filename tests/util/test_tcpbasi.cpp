@@ -1,13 +1,9 @@
-// Socket helpers over loopback TCP and socket pairs: listener backlog, peer
-// addresses, and the retry rules of the whole-buffer send and receive.
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+// Socket helpers over loopback TCP and socket pairs: listener backlog, and
+// the retry rules of the whole-buffer send and receive.
 #include <sys/socket.h>
 
 #include <cerrno>
 
-#include "Platform.h"
-#include "TableImage.h"
 #include "UnitFixture.h"
 #include "util/SysTcpBasi.h"
 
@@ -26,23 +22,12 @@ protected:
     std::vector<int> fds;
 };
 
-TEST_F(TcpBasiTest, ListenerBacklogIsKernelBacklogOr96) {
-    // Linux reports a listener's backlog in TCP_INFO.
-    auto backlog = [](int fd) {
-        tcp_info info{};
-        socklen_t n = sizeof info;
-        return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &n) == 0 ? static_cast<int>(info.tcpi_sacked) : -1;
-    };
-    int lsn = Keep(iSockBind("127.0.0.1", 0));
-    EXPECT_EQ(backlog(lsn), 96) << "no variable table";
-
-    comptest::TableImage image;
-    image.appendVar("KERNEL_BACKLOG", "17");
-    ASSERT_GE(g_iShmTblId = image.createShm(keys), 0);
-    int lsn2 = Keep(iSockBind("127.0.0.1", 0));
-    EXPECT_EQ(backlog(lsn2), 17);
-    EXPECT_EQ(iSockBind("127.0.0.1", comptest::LocalPort(lsn2)), -1) << "port taken";
-    EXPECT_EQ(iSockBind("999.1.1.1", 0), -1);
+TEST_F(TcpBasiTest, ListenerTakesTheGivenBacklog) {
+    int lsn = Keep(iSockListen("127.0.0.1", 0, 17));
+    EXPECT_EQ(comptest::ListenerBacklog(lsn), 17);
+    EXPECT_EQ(iSockListen("127.0.0.1", comptest::LocalPort(lsn), 17), -1) << "port taken";
+    EXPECT_EQ(iSockListen("999.1.1.1", 0, 17), -1);
+    EXPECT_TRUE(Logged("bind() [127.0.0.1:" + std::to_string(comptest::LocalPort(lsn)) + "]error"));
 }
 
 TEST_F(TcpBasiTest, SendAndReceiveRetryRules) {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 #include "kit/KitUtil.h"
 #include "kit/TablesCfg.h"
 

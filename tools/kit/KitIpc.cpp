@@ -51,20 +51,6 @@ bool FileExists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-long ReadProcLong(const char* path) {
-    std::ifstream in(path);
-    long v = -1;
-    in >> v;
-    return in ? v : -1;
-}
-
-bool WriteProcLong(const char* path, long v) {
-    std::ofstream out(path);
-    out << v;
-    out.flush();
-    return static_cast<bool>(out);
-}
-
 // Looks an object up by key without creating it (-1 when there is none).
 int Probe(IpcObject::Kind kind, key_t key) {
     switch (kind) {
@@ -472,28 +458,6 @@ int QueueIdByIndex(const Resources& res, int index) {
 }
 
 std::string ObjectsFile(const std::string& runDir) { return runDir + "/compkit.objects"; }
-
-std::vector<std::string> EnsureQueueLimits() {
-    static constexpr const char* kMax = "/proc/sys/kernel/msgmax";
-    static constexpr const char* kMnb = "/proc/sys/kernel/msgmnb";
-    long mx = ReadProcLong(kMax), mnb = ReadProcLong(kMnb);
-    if (geteuid() == 0) {
-        if (mx >= 0 && mx < kNeedMsgMax) WriteProcLong(kMax, kNeedMsgMax);
-        if (mnb >= 0 && mnb < kNeedMsgMnb) WriteProcLong(kMnb, kNeedMsgMnb);
-        mx = ReadProcLong(kMax);
-        mnb = ReadProcLong(kMnb);
-    }
-    std::vector<std::string> lines;
-    if (mx < kNeedMsgMax)
-        lines.push_back("kernel.msgmax is " + std::to_string(mx) + "; 64 KiB messages need at least " +
-                        std::to_string(kNeedMsgMax) + " (as root: sysctl -w kernel.msgmax=" +
-                        std::to_string(kNeedMsgMax) + ")");
-    if (mnb < kNeedMsgMnb)
-        lines.push_back("kernel.msgmnb is " + std::to_string(mnb) + "; each queue should hold at least " +
-                        std::to_string(kNeedMsgMnb) + " bytes (as root: sysctl -w kernel.msgmnb=" +
-                        std::to_string(kNeedMsgMnb) + ")");
-    return lines;
-}
 
 bool PlatformUp(const std::string& runDir, std::vector<std::string>* notes, std::string* why) {
     RunDirScope scope(runDir);

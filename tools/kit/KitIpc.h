@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace kit {
 
@@ -35,13 +35,6 @@ struct IpcObject {
 
 // Path of the record of what `up` made.
 std::string ObjectsFile(const std::string& runDir);
-
-// Kernel message-queue limits: raised when running as root, otherwise (or
-// when raising fails) one line per setting that is too small for 64 KiB
-// messages.
-inline constexpr long kNeedMsgMax = 65540;
-inline constexpr long kNeedMsgMnb = 1048576;
-std::vector<std::string> EnsureQueueLimits();
 
 // `compkit up`. Notes (limits, warnings) are appended to *notes. On failure
 // nothing that this call created is left behind.

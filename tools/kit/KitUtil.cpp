@@ -15,7 +15,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 namespace kit {
 
@@ -173,6 +173,44 @@ pid_t ParentOf(pid_t pid) {
     pid_t ppid = -1;
     if (!ReadStat(pid, &state, &ppid)) return -1;
     return ppid;
+}
+
+namespace {
+long ReadProcLong(const char* path) {
+    std::ifstream in(path);
+    long v = -1;
+    in >> v;
+    return in ? v : -1;
+}
+
+bool WriteProcLong(const char* path, long v) {
+    std::ofstream out(path);
+    out << v;
+    out.flush();
+    return static_cast<bool>(out);
+}
+}  // namespace
+
+std::vector<std::string> EnsureQueueLimits() {
+    static constexpr const char* kMax = "/proc/sys/kernel/msgmax";
+    static constexpr const char* kMnb = "/proc/sys/kernel/msgmnb";
+    long mx = ReadProcLong(kMax), mnb = ReadProcLong(kMnb);
+    if (geteuid() == 0) {
+        if (mx >= 0 && mx < kNeedMsgMax) WriteProcLong(kMax, kNeedMsgMax);
+        if (mnb >= 0 && mnb < kNeedMsgMnb) WriteProcLong(kMnb, kNeedMsgMnb);
+        mx = ReadProcLong(kMax);
+        mnb = ReadProcLong(kMnb);
+    }
+    std::vector<std::string> lines;
+    if (mx < kNeedMsgMax)
+        lines.push_back("kernel.msgmax is " + std::to_string(mx) + "; 64 KiB messages need at least " +
+                        std::to_string(kNeedMsgMax) + " (as root: sysctl -w kernel.msgmax=" +
+                        std::to_string(kNeedMsgMax) + ")");
+    if (mnb < kNeedMsgMnb)
+        lines.push_back("kernel.msgmnb is " + std::to_string(mnb) + "; each queue should hold at least " +
+                        std::to_string(kNeedMsgMnb) + " bytes (as root: sysctl -w kernel.msgmnb=" +
+                        std::to_string(kNeedMsgMnb) + ")");
+    return lines;
 }
 
 }  // namespace kit

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "util/FdUtil.h"
+#include "base/FdUtil.h"
 
 namespace kit {
 
@@ -79,5 +79,12 @@ std::string ProcessCmdline(pid_t pid);
 
 // Parent pid of a process, or -1.
 pid_t ParentOf(pid_t pid);
+
+// Kernel message-queue limits: raised when running as root, otherwise (or
+// when raising fails) one line per setting that is too small for 64 KiB
+// messages.
+inline constexpr long kNeedMsgMax = 65540;
+inline constexpr long kNeedMsgMnb = 1048576;
+std::vector<std::string> EnsureQueueLimits();
 
 }  // namespace kit

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 #include "kit/KitConfig.h"
 
 namespace kit {

@@ -20,8 +20,8 @@
 #include <map>
 #include <memory>
 
+#include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
-#include "comp/SysGlobals.h"
 #include "comp/SysPlatMsg.h"
 #include "ipc/SysConnReg.h"
 #include "ipc/SysFIFO.h"

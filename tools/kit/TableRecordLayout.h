@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace kit {
 

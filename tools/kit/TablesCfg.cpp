@@ -7,7 +7,7 @@
 #include <cstring>
 #include <map>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "kit/KitUtil.h"
 
 namespace kit {
@@ -85,7 +85,9 @@ bool TakeRow(KitTable* t, const std::vector<std::string>& words, const std::vect
         return false;
     }
     std::vector<std::string> row(t->columns.size());
-    if (t->name == kRouteTable) row[RT_ROUTEMONID] = "1";
+    // assign(1, '1') rather than = "1": gcc 12 at -O3 reports a false
+    // -Wrestrict inside std::string's assignment from a short literal.
+    if (t->name == kRouteTable) row[RT_ROUTEMONID].assign(1, '1');
     for (size_t i = 0; i < words.size(); ++i) {
         std::string v = words[i] == "-" ? "" : words[i];
         if (static_cast<int>(v.size()) >= kColumnWidth) {

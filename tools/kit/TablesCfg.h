@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 namespace kit {
 

@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 #include "kit/Framing.h"
 #include "kit/KitIpc.h"
 #include "kit/KitProc.h"
@@ -129,13 +129,6 @@ std::string ReadFrame(int fd, int timeoutMs) {
     std::vector<char> msg;
     std::string why;
     return kit::ReadFramed(fd, kit::Framing{}, timeoutMs, &msg, &why) ? std::string(msg.begin(), msg.end()) : "";
-}
-
-int LocalPort(int fd) {
-    sockaddr_in sa{};
-    socklen_t len = sizeof sa;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
-    return ntohs(sa.sin_port);
 }
 
 std::string Frame(const std::string& body) {

@@ -4,7 +4,7 @@
 // g_stProcState.
 #pragma once
 
-#include "comp/SysTypes.h"
+#include "base/SysTypes.h"
 
 extern "C" {
 
@@ -27,6 +27,12 @@ extern int g_iRtnIdx;                   // fill count of g_iaRtnPath
 extern int g_iDebugSwitch;              // ErrLog codes 1..998 are written only when set
 
 }  // extern "C"
+
+namespace comp {
+// Size limits of the logs until they are set.
+inline constexpr long kDefaultTraceSizeLimit = 20971520;   // 20 MiB
+inline constexpr long kDefaultErrLogSizeLimit = 1048576;   // 1 MiB
+}  // namespace comp
 
 // Settings of the trace log and the error log.
 struct LogSettings {

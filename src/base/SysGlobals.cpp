@@ -1,4 +1,4 @@
-#include "comp/SysGlobals.h"
+#include "base/SysGlobals.h"
 
 #include <cstring>
 
@@ -26,17 +26,14 @@ const char* const g_pcaRouteColumns[28] = {
 }
 
 namespace {
-constexpr long kDefaultTraceLimit = 20971520;   // 20 MiB
-constexpr long kDefaultErrLogLimit = 1048576;   // 1 MiB
-
 ProcState InitialState() {
     ProcState st{};
     std::strcpy(st.stLog.caTraceBase, "../log/unkonwn.log");
     st.stLog.iTraceLevel = 1;
-    st.stLog.lTraceSizeLimit = kDefaultTraceLimit;
+    st.stLog.lTraceSizeLimit = comp::kDefaultTraceSizeLimit;
     std::strcpy(st.stLog.caErrLogName, "../log/wren_bin");
     st.stLog.iErrLogMode = 0;
-    st.stLog.lErrLogSizeLimit = kDefaultErrLogLimit;
+    st.stLog.lErrLogSizeLimit = comp::kDefaultErrLogSizeLimit;
     return st;
 }
 }  // namespace

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "TestEnv.h"
-#include "comp/SysTypes.h"
+#include "base/FdUtil.h"
+#include "base/SysTypes.h"
 #include "kit/Router.h"
-#include "util/FdUtil.h"
 
 namespace comptest {
 
@@ -125,7 +125,6 @@ bool Send(int fd, const std::string& data);
 std::string ReadUntilClose(int fd, int timeoutMs, bool* closed = nullptr);
 // One message in the test framing (see Frame), or "" when none came.
 std::string ReadFrame(int fd, int timeoutMs);
-int LocalPort(int fd);
 // "NNNN" + body: the framing of MakeRouteRow (4 decimal digits of body length).
 std::string Frame(const std::string& body);
 
