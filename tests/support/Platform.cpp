@@ -206,7 +206,8 @@ int PlatformTest::QueueId(int index) const {
 size_t PlatformTest::StartComp(const std::vector<std::string>& args) {
     CompProc p;
     p.procName = args.size() >= 5 ? args[4] : "";
-    p.outputPath = run.file("log/comp_" + std::to_string(comps_.size()) + ".out");
+    // Beside log/, not in it: a test may start comp before log/ exists.
+    p.outputPath = run.file("comp_" + std::to_string(comps_.size()) + ".out");
     kit::SpawnOptions plan;
     plan.path = CompBinary();
     plan.argv.push_back(plan.path);
@@ -242,8 +243,11 @@ std::string PlatformTest::CompTraceLog(size_t i) const {
 
 std::string PlatformTest::AllLogs() const {
     std::string all;
-    for (const auto& e : std::filesystem::directory_iterator(run.file("log")))
-        all += "==> " + e.path().filename().string() + "\n" + ReadFile(e.path().string());
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"), ec)) files.push_back(e.path());
+    for (size_t i = 0; i < comps_.size(); ++i) files.emplace_back(comps_[i].outputPath);
+    for (const auto& f : files) all += "==> " + f.filename().string() + "\n" + ReadFile(f.string());
     return all;
 }
 
