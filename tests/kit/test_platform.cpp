@@ -207,6 +207,39 @@ TEST(TablesCfg, bad_lines_are_reported_with_their_line_number) {
     }
 }
 
+TEST(CompkitCommandLine, help_prints_the_usage_and_mistakes_say_what_is_wrong_first) {
+    comptest::TempRunDir run;
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string first;   // the output's first line begins so
+    } cases[] = {
+        {{"help"}, 0, "usage: compkit"},
+        {{"--help"}, 0, "usage: compkit"},
+        {{"-h"}, 0, "usage: compkit"},
+        {{}, 2, "compkit: no subcommand given"},
+        {{"start", run.path()}, 2, "compkit: unknown subcommand 'start'"},
+        {{"up"}, 2, "compkit: up needs the run directory"},
+        {{"status", run.file("nowhere")}, 2, "compkit: the run directory " + run.file("nowhere") + " does not exist"},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        kit::SpawnOptions plan;
+        plan.path = comptest::CompkitBinary();
+        plan.argv = {plan.path};
+        plan.argv.insert(plan.argv.end(), c.args.begin(), c.args.end());
+        plan.outputPath = run.file("log/compkit" + std::to_string(++n) + ".out");
+        std::string why;
+        const pid_t pid = kit::Spawn(plan, &why);
+        int status = -1;
+        ASSERT_TRUE(kit::WaitChild(pid, 5000, &status)) << why;
+        const std::string out = comptest::ReadFile(plan.outputPath);
+        EXPECT_EQ(WEXITSTATUS(status), c.status) << out;
+        EXPECT_EQ(out.rfind(c.first, 0), 0u) << out;
+        EXPECT_NE(out.find("usage: compkit"), std::string::npos) << out;
+    }
+}
+
 class SupervisorTest : public comptest::PlatformTest {
 protected:
     void TearDown() override {
