@@ -71,4 +71,9 @@ Status: $compkit status $run
 Ctrl-C stops everything.
 
 EOT
+# Ctrl-C is the normal way out. With job control the supervisor gets the
+# terminal to itself, so the Ctrl-C reaches it alone (not make, not this
+# script): it stops every process, takes the platform down and ends with
+# status 0, and so do this script and make.
+if [ -t 0 ]; then set -m; fi
 "$compkit" run "$run"
