@@ -63,8 +63,7 @@ TEST_F(Queue, FullQueueFailsNoWaitWriteSilentlyAndOversizeLengthsAreRefused) {
 }
 
 TEST_F(Queue, FullSizeMessageRoundTrip) {
-    std::string why;
-    if (!comptest::EnsureBigQueueMessages(&why)) GTEST_SKIP() << why;
+    COMP_REQUIRE_BIG_MESSAGES();
     const int iQid = keys.newQueue();
     auto out = Msg(3);
     for (int i = 0; i < comp::kQueueTextLen; ++i) out->caText[i] = static_cast<char>(i * 7);
