@@ -19,9 +19,11 @@ for bin in "$compkit" "$comp"; do
 done
 
 # A scratch run directory: etc/ (configuration), log/, fifo/, and runs/ for
-# HOME (plug-ins, connection logs). FIFO paths must stay under 128 bytes.
+# HOME (plug-ins, connection logs). The sys.cfg reader takes paths of at most
+# 99 bytes, so RUNDIR may have 87 characters (FIFO paths, under 128 bytes,
+# allow more).
 run="$build/example-run"
-if [ $(( ${#run} + 32 )) -ge 128 ]; then
+if [ ${#run} -gt 87 ]; then
   run=$(mktemp -d /tmp/compkit-run.XXXXXX)
 fi
 if [ -f "$run/compkit.objects" ]; then
