@@ -269,7 +269,8 @@ int SysCleanIpcFiles(void) {
         struct stat st {};
         if (lstat(caPath, &st) != 0 || !S_ISFIFO(st.st_mode)) continue;
         if (unlink(caPath) != 0) {
-            COMP_ERRLOG("[%s:%d] remove error.errno=[%d][%s]", kCleanupSource, __LINE__, errno, std::strerror(errno));
+            COMP_ERRLOG("[%s:%d] remove error.errno=[%d][%s]", kCleanupSource, __LINE__, errno,
+                        std::strerror(errno));
             return -1;
         }
     }

@@ -350,7 +350,8 @@ TEST_F(SupervisorTest, two_clients_at_once_through_a_relay_to_two_tc_instances_e
         for (int i = 0; i < kEach; ++i) {
             const std::string body = "client" + std::to_string(who) + "-" + std::to_string(i);
             comp::UniqueFd s = comptest::Connect(tsPort);
-            const std::string got = comptest::Send(s.get(), comptest::Frame(body)) ? comptest::ReadFrame(s.get(), 10000) : "";
+            const bool sent = comptest::Send(s.get(), comptest::Frame(body));
+            const std::string got = sent ? comptest::ReadFrame(s.get(), 10000) : "";
             if (got != comptest::Frame("echo: " + body)) wrong[who].push_back(body + " got [" + got + "]");
         }
     };
