@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <cstdio>
 #include <filesystem>
+#include <random>
 #include <sstream>
 
 #include "comp/SysGlobals.h"
@@ -67,7 +69,25 @@ std::string TablesCfgText(const PlatformSetup& setup) {
 }
 }  // namespace
 
+// Ports for listeners that a test binds later are taken below the kernel's
+// ephemeral range: the many connections of tests running in parallel take
+// their local ports from that range and would otherwise sometimes hold a
+// port between the moment it is found free and the moment it is bound.
 int FreeLoopbackPort() {
+    int low = 32768;
+    if (FILE* f = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r")) {
+        if (std::fscanf(f, "%d", &low) != 1) low = 32768;
+        std::fclose(f);
+    }
+    constexpr int kFirst = 10000;
+    if (low - kFirst >= 1000) {
+        static std::mt19937 pick(static_cast<unsigned>(getpid()) * 7919u + static_cast<unsigned>(time(nullptr)));
+        std::uniform_int_distribution<int> in(kFirst, low - 1);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            int port = in(pick);
+            if (Listen(&port).valid()) return port;
+        }
+    }
     int port = 0;
     Listen(&port);
     return port;
