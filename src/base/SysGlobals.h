@@ -42,6 +42,7 @@ struct LogSettings {
     char caErrLogName[201];   // error-log base name; "../log/wren_bin" until ChgLog('1')
     int iErrLogMode;          // ChgLog('2')
     long lErrLogSizeLimit;    // bytes, ChgLog('3')
+    char caModeSource[32];    // running mode, the source name of the loop's lines; "" before the mode runs
 };
 
 struct ProcState {

@@ -27,6 +27,14 @@ protected:
                                                route == kTcRoute ? "1" : "0"),
                   overrides, "Begin Working");
     }
+    // Writes one byte to one of comp's FIFOs: by default its control FIFO.
+    void Control(char cmd, std::string fifo = "") {
+        if (fifo.empty()) return comptest::ModeTest::Control(cmd);
+        int fd = open(run.file("fifo/" + fifo).c_str(), O_WRONLY | O_NONBLOCK);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, &cmd, 1), 1);
+        close(fd);
+    }
     std::string ConnLog() const { return comptest::ReadFile(run.file("runs/log/com_route10_127.0.0.1.log")); }
     // Waits until comp has closed one more client connection (each close
     // ends with this line in the connection log).
@@ -181,6 +189,7 @@ TEST_F(TsTest, late_answer_never_reaches_a_newcomer_from_the_same_address) {
 }
 
 TEST_F(TsTest, client_reset_before_its_answer_drops_only_that_answer) {
+    COMP_REQUIRE_BIG_MESSAGES();   // the answer is 60,000 bytes
     StartTs();
     Request r;
     {
@@ -256,12 +265,22 @@ TEST_F(TsTest, full_router_queue_holds_the_request_until_it_drains) {
     EXPECT_EQ(NextRequest(3000).body, Frame("waits")) << AllLogs();
 }
 
+TEST_F(TsTest, doorbell_without_an_answer_is_reported_by_SysResponseWork_and_ends_the_process) {
+    StartTs();
+    AllowFatal("expect data but not found,fatal error!");
+    Control('0', "1_" + std::to_string(pid));
+    EXPECT_EQ(WaitComp(c, 5000), 0);
+    EXPECT_TRUE(Logged({"[SysTCPTS:SysResponseWork:"})) << AllLogs();
+    EXPECT_NE(AllLogs().find("]expect data but not found,fatal error!"), std::string::npos);
+}
+
 TEST_F(TsTest, quit_command_logs_off_and_ends_with_status_0) {
     StartTs();
     Control('x');
     EXPECT_EQ(WaitComp(c, 5000), 0);
     EXPECT_GT(ReadCommonp(buf.get(), 4, 2000), 0);
     EXPECT_TRUE(Logged({"recv quit cmd"}));
+    EXPECT_NE(AllLogs().find("[SysTCPTS,"), std::string::npos) << "the loop's lines name the mode";
     EXPECT_FALSE(std::filesystem::exists(run.file("fifo/1_" + std::to_string(pid))))
         << "the notification FIFO is removed";
 }
@@ -343,6 +362,14 @@ TEST_F(TcTest, any_control_byte_ends_the_process) {
     EXPECT_EQ(WaitComp(c, 5000), 0);
     EXPECT_TRUE(Logged({"bad branch"}));
     EXPECT_GT(ReadCommonp(buf.get(), 4, 2000), 0) << "logged off";
+}
+
+TEST_F(TcTest, doorbell_without_a_request_is_reported_by_SysTcptcRecvPlatMsg) {
+    StartTc();
+    AllowFatal("expect data but not found,fatal error!");
+    Control('0', "2_20_1");
+    EXPECT_EQ(WaitComp(c, 5000), 0);
+    EXPECT_TRUE(Logged({"[SysTCPTC:SysTcptcRecvPlatMsg:"})) << AllLogs();
 }
 
 TEST_F(TcTest, wrong_msgsndtype_ends_the_process_on_the_first_request) {
