@@ -51,6 +51,7 @@ void PutIp(char* pcField, const char* pcIp) {
 // parent's id in the child.
 std::atomic<pid_t> g_iOwnPid{0};
 void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
+const comp::ResetRegistration g_stOwnPidReset(ForgetOwnPid);
 pid_t OwnPid() {
     pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
     if (iPid == 0) {
