@@ -136,6 +136,33 @@ TEST_F(TsTest, binary_length_fields_frame_the_request) {
     EXPECT_EQ(NextRequest().body, msg) << AllLogs();
 }
 
+// A two-byte length of `total - 2` in network order, then the body.
+std::string Binary(int total) {
+    const int body = total - 2;
+    return std::string{static_cast<char>(body >> 8), static_cast<char>(body & 0xFF)} + std::string(body, 'z');
+}
+const comptest::RouteRow kBinaryFraming{{"HEADERLEN", "2"}, {"MSGLENGETLEN", "2"}, {"MSGLENGETTYPE", "2"}};
+
+// The framing takes messages up to 65,535 bytes, a platform message carries
+// 65,472 behind its header: a longer request is that client's fault alone.
+TEST_F(TsTest, request_too_long_for_a_platform_message_costs_only_its_connection) {
+    COMP_REQUIRE_BIG_MESSAGES();
+    StartTs(kBinaryFraming);
+    comp::UniqueFd fits = comptest::Connect(port);
+    ASSERT_TRUE(Send(fits.get(), Binary(65472)));
+    EXPECT_EQ(NextRequest().body.size(), 65472u);
+    for (int total : {65473, 65535}) {
+        comp::UniqueFd s = comptest::Connect(port);
+        ASSERT_TRUE(Send(s.get(), Binary(total)));
+        EXPECT_TRUE(Closes(s.get(), 3000)) << total;
+    }
+    EXPECT_TRUE(Logged({"request of 65473 bytes exceeds the 65472 a platform message carries,close"})) << AllLogs();
+    EXPECT_TRUE(Logged({"request of 65535 bytes exceeds"}));
+    comp::UniqueFd next = comptest::Connect(port);
+    ASSERT_TRUE(Send(next.get(), Binary(10)));
+    EXPECT_EQ(NextRequest().body, Binary(10)) << "the process serves on";
+}
+
 TEST_F(TsTest, silent_client_is_closed_after_the_idle_timeout) {
     StartTs({{"IDLETIMEOUT", "1"}});
     comp::UniqueFd s = comptest::Connect(port);
@@ -354,6 +381,20 @@ TEST_F(TcTest, answer_spanning_two_messages_yields_only_the_first) {
     ASSERT_TRUE(Send(conn.get(), Frame("one") + Frame("more")));
     ASSERT_EQ(ReadToTranp(buf.get(), pid, 5000), 64 + 7);
     EXPECT_EQ(ReadToTranp(buf.get(), pid, 300), 0);
+}
+
+TEST_F(TcTest, answer_too_long_for_a_platform_message_is_dropped_and_serving_goes_on) {
+    COMP_REQUIRE_BIG_MESSAGES();
+    StartTc(kBinaryFraming);
+    for (int total : {65473, 65472}) {
+        Request(Binary(8));
+        comp::UniqueFd conn = comptest::Accept(listener.get(), 5000);
+        ASSERT_TRUE(conn.valid()) << AllLogs();
+        ASSERT_TRUE(Send(conn.get(), Binary(total)));
+        EXPECT_TRUE(Closes(conn.get(), 3000));
+    }
+    EXPECT_EQ(ReadToTranp(buf.get(), pid, 5000), 64 + 65472) << "only the answer that fits";
+    EXPECT_TRUE(Logged({"answer of 65473 bytes exceeds the 65472 a platform message carries,dropped"}));
 }
 
 TEST_F(TcTest, any_control_byte_ends_the_process) {
