@@ -1,5 +1,7 @@
 #include "modes/FwHeader.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -79,6 +81,11 @@ UnitStatus ReadUnit(int iFd, Reader eReader, const RouteRecord& stRoute, QueueMs
         pstOut->msgLen = iLen;
     }
     return known ? UnitStatus::kOk : UnitStatus::kUnknownKind;
+}
+
+void NoDelay(int iFd) {
+    int on = 1;
+    setsockopt(iFd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 int SendUnit(int iFd, const char* pcHeader, const char* pcBody, int iLen, int iWaitMs) {

@@ -98,6 +98,11 @@ struct Unit {
 // header announces, into pstBuf->caText.
 UnitStatus ReadUnit(int iFd, Reader eReader, const RouteRecord& stRoute, QueueMsg* pstBuf, Unit* pstOut);
 
+// Every unit goes out whole with one send, and several clients' units may be
+// on the link at once: a unit must not wait for the peer's acknowledgement
+// of the one before, so the link sends at once (TCP_NODELAY).
+void NoDelay(int iFd);
+
 // How long a send on the link may wait in all while the socket takes nothing
 // more. The link carries every client, so a peer that is briefly behind is
 // waited for; one that stays stuck costs the link.

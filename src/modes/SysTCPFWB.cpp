@@ -576,6 +576,7 @@ int SysGetRemoteSock(const char* pcIp, int iPort, const char* pcRouteName) {
         COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
         return -1;
     }
+    fw::NoDelay(fd);
     if (!loop.Watch(fd, comp::Role::kConn, comp::Fn<FwbFromServer>, &f)) {
         COMP_ERRLOG("[%s,%d,%s]SysEpollCtl error", SRC_NAME, __LINE__, kMode);
         sock.reset();

@@ -176,6 +176,7 @@ void FwsAccept(Fws& s) {
         return;
     }
     a.fd.release();
+    fw::NoDelay(fd);
     FwsEntry& r = s.rows.Open(fd);
     s.rows.SetPeer(fd, a.ip, a.port);
     r.connTime = r.lastActive = s.loop->NowSec();
