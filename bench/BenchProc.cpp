@@ -60,6 +60,24 @@ bool Children::Alive(pid_t pid) {
     return false;
 }
 
+bool FindComp(const char* prog, std::string* path) {
+    if (path->empty()) {
+        std::string self = kit::SelfExe();
+        *path = self.substr(0, self.rfind('/')) + "/../comp";
+    }
+    if (access(path->c_str(), X_OK) == 0) return true;
+    std::fprintf(stderr, "%s: %s is not an executable; build comp or pass --comp PATH\n", prog, path->c_str());
+    return false;
+}
+
+void OnStopSignals(void (*handler)(int)) {
+    struct sigaction sa {};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
 bool FileExists(const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0;

@@ -38,6 +38,14 @@ private:
     std::map<pid_t, Kid> kids_;
 };
 
+// The comp binary a benchmark runs: *path when given, else comp in the build
+// directory above the benchmark's own; false after a line naming prog on
+// stderr when it is not executable.
+bool FindComp(const char* prog, std::string* path);
+// SIGINT, SIGTERM and SIGHUP go to handler (without SA_RESTART); SIGPIPE is
+// ignored.
+void OnStopSignals(void (*handler)(int));
+
 bool FileExists(const std::string& path);
 // Waits for a FIFO that a child creates once it is ready to serve.
 bool WaitReady(Children& kids, pid_t pid, const std::string& fifo, const volatile sig_atomic_t* stop,

@@ -135,6 +135,21 @@ void ClientLoop(const LoadOptions& opt, const sockaddr_in& addr, Clock::time_poi
     }
 }
 
+// The clients' tallies as one result, timed from start to the last exchange.
+LoadResult Sum(const std::vector<ClientTally>& tallies, Clock::time_point start) {
+    LoadResult out;
+    Clock::time_point end = start;
+    for (const ClientTally& t : tallies) {
+        out.exchanges += t.exchanges;
+        out.failures += t.failures;
+        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
+        if (out.firstError.empty()) out.firstError = t.firstError;
+        end = std::max(end, t.lastEnd);
+    }
+    out.seconds = std::chrono::duration<double>(end - start).count();
+    return out;
+}
+
 }  // namespace
 
 LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop) {
@@ -154,17 +169,7 @@ LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop) {
     }
     for (std::thread& t : threads) t.join();
 
-    LoadResult out;
-    Clock::time_point end = start;
-    for (ClientTally& t : tallies) {
-        out.exchanges += t.exchanges;
-        out.failures += t.failures;
-        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
-        if (out.firstError.empty()) out.firstError = t.firstError;
-        end = std::max(end, t.lastEnd);
-    }
-    out.seconds = std::chrono::duration<double>(end - start).count();
-    return out;
+    return Sum(tallies, start);
 }
 
 namespace {
@@ -247,17 +252,7 @@ LoadResult RunPersistentLoad(const LoadOptions& opt, const volatile sig_atomic_t
     go.store(true, std::memory_order_release);
     for (std::thread& t : threads) t.join();
 
-    LoadResult out;
-    Clock::time_point end = start;
-    for (ClientTally& t : tallies) {
-        out.exchanges += t.exchanges;
-        out.failures += t.failures;
-        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
-        if (out.firstError.empty()) out.firstError = t.firstError;
-        end = std::max(end, t.lastEnd);
-    }
-    out.seconds = std::chrono::duration<double>(end - start).count();
-    return out;
+    return Sum(tallies, start);
 }
 
 std::string FrameRequest(std::string_view body, int headerLen) {

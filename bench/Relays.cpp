@@ -669,27 +669,32 @@ int RunRouterRole(const std::string& runDir) {
     return 0;
 }
 
-int RunBaselineRole(const BaselineOptions& opt) {
+namespace {
+
+// A relay role that talks to the router: stop handlers, the run directory,
+// queues 7 and 8, then Open and Run of a Relay built from (opt, to, from).
+template <class Relay, class Opt>
+int RunQueueRole(const char* who, const std::string& runDir, const Opt& opt) {
     InstallStopHandlers();
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    kit::RunDirScope scope(opt.runDir);
+    kit::RunDirScope scope(runDir);
     int toRouter = -1, fromRouter = -1;
     std::string why;
-    if (!PlatformQueues(opt.runDir, &toRouter, &fromRouter, &why)) {
-        std::fprintf(stderr, "baseline: %s\n", why.c_str());
+    if (!PlatformQueues(runDir, &toRouter, &fromRouter, &why)) {
+        std::fprintf(stderr, "%s: %s\n", who, why.c_str());
         return 1;
     }
-    BaselineRelay relay(opt, toRouter, fromRouter);
+    Relay relay(opt, toRouter, fromRouter);
     if (!relay.Open(&why)) {
-        std::fprintf(stderr, "baseline: %s\n", why.c_str());
+        std::fprintf(stderr, "%s: %s\n", who, why.c_str());
         return 1;
     }
     return relay.Run();
 }
 
-}  // namespace bench
+}  // namespace
 
-namespace bench {
+int RunBaselineRole(const BaselineOptions& opt) { return RunQueueRole<BaselineRelay>("baseline", opt.runDir, opt); }
 
 int RunPairFrontRole(const PairOptions& opt) {
     InstallStopHandlers();
@@ -703,22 +708,6 @@ int RunPairFrontRole(const PairOptions& opt) {
     return front.Run();
 }
 
-int RunPairUpperRole(const PairOptions& opt) {
-    InstallStopHandlers();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    kit::RunDirScope scope(opt.runDir);
-    int toRouter = -1, fromRouter = -1;
-    std::string why;
-    if (!PlatformQueues(opt.runDir, &toRouter, &fromRouter, &why)) {
-        std::fprintf(stderr, "pair-upper: %s\n", why.c_str());
-        return 1;
-    }
-    PairUpper upper(opt, toRouter, fromRouter);
-    if (!upper.Open(&why)) {
-        std::fprintf(stderr, "pair-upper: %s\n", why.c_str());
-        return 1;
-    }
-    return upper.Run();
-}
+int RunPairUpperRole(const PairOptions& opt) { return RunQueueRole<PairUpper>("pair-upper", opt.runDir, opt); }
 
 }  // namespace bench

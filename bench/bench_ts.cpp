@@ -409,19 +409,7 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (opt.compPath.empty()) {
-        std::string self = kit::SelfExe();
-        opt.compPath = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(opt.compPath.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "bench_ts: %s is not an executable; build comp or pass --comp PATH\n",
-                     opt.compPath.c_str());
-        return 1;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = OnBenchStop;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    if (!bench::FindComp("bench_ts", &opt.compPath)) return 1;
+    bench::OnStopSignals(OnBenchStop);
     return RunBench(opt);
 }

@@ -251,26 +251,8 @@ int64_t FwbReconnect(Fwb& f, int64_t) {
 }
 
 void FwbAccept(Fwb& f) {
-    comp::Accepted a = comp::AcceptOnCommand(f.listenFd, f.loop->TableSize(), comp::AcceptSpec{});
-    switch (a.outcome) {
-        case comp::AcceptOutcome::kReportFailed:
-            wlog("SysTellCommonp error");
-            f.loop->Quit();
-        case comp::AcceptOutcome::kAcceptFailed:   // EAGAIN: another process took the client
-            COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, a.err,
-                        std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kTooMany:
-            COMP_ERRLOG("[%s,%d]Too many communication node.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, a.err,
-                        std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kNoBlockFailed:
-        case comp::AcceptOutcome::kPeerFailed:
-            COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, a.err, std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kOk:
-            break;
-    }
+    comp::Accepted a;
+    if (!comp::AcceptOnCommandLogged(SRC_NAME, *f.loop, f.listenFd, comp::AcceptSpec{}, &a)) return;
     const int fd = a.fd.get();
     if (SysRegConnection(a.ip, a.port, &f.route, fd, 1) < 0) {
         COMP_ERRLOG("[%s,%d]SysRegConnection error", SRC_NAME, __LINE__);

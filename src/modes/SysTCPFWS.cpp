@@ -146,26 +146,8 @@ bool FwsIdle(Fws& s, int fd, int64_t now) {
 }
 
 void FwsAccept(Fws& s) {
-    comp::Accepted a = comp::AcceptOnCommand(s.listenFd, s.loop->TableSize(), comp::AcceptSpec{});
-    switch (a.outcome) {
-        case comp::AcceptOutcome::kReportFailed:
-            wlog("SysTellCommonp error");
-            s.loop->Quit();
-        case comp::AcceptOutcome::kAcceptFailed:
-            COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, a.err,
-                        std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kTooMany:
-            COMP_ERRLOG("[%s,%d]Too many communication node.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, a.err,
-                        std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kNoBlockFailed:
-        case comp::AcceptOutcome::kPeerFailed:
-            COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, a.err, std::strerror(a.err));
-            return;
-        case comp::AcceptOutcome::kOk:
-            break;
-    }
+    comp::Accepted a;
+    if (!comp::AcceptOnCommandLogged(SRC_NAME, *s.loop, s.listenFd, comp::AcceptSpec{}, &a)) return;
     const int fd = a.fd.get();
     if (SysRegConnection(a.ip, a.port, &s.route, fd, 1) < 0) {
         COMP_ERRLOG("[%s,%d]SysRegConnection error", SRC_NAME, __LINE__);
