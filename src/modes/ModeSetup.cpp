@@ -137,6 +137,7 @@ bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const A
         case AcceptOutcome::kNoBlockFailed:
         case AcceptOutcome::kPeerFailed: fmt = "[%s,%d]iNoblockFd error.errno=%d[%s]"; break;
     }
+    a.fd.reset();
     std::snprintf(g_caMsg, sizeof g_caMsg, fmt, pcSrc, __LINE__, a.err, std::strerror(a.err));
     ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
     return false;
