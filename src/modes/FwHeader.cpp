@@ -103,7 +103,9 @@ int SendUnit(int iFd, const char* pcHeader, const char* pcBody, int iLen, int iW
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            // Whole milliseconds, rounded up: the wait never ends early.
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
             if (left <= 0) {
                 errno = EAGAIN;
                 return -1;
