@@ -219,8 +219,8 @@ void PersistentClient(const LoadOptions& opt, const sockaddr_in& addr, const std
         }
         const Clock::time_point t1 = Clock::now();
         ++tally->exchanges;
-        tally->latencyUs.push_back(static_cast<uint32_t>(
-            std::clamp<int64_t>(std::chrono::duration_cast<std::chrono::microseconds>(t1 - t0).count(), 0, UINT32_MAX)));
+        const int64_t us = std::chrono::duration_cast<std::chrono::microseconds>(t1 - t0).count();
+        tally->latencyUs.push_back(static_cast<uint32_t>(std::clamp<int64_t>(us, 0, UINT32_MAX)));
         tally->lastEnd = t1;
     }
 }

@@ -318,7 +318,8 @@ void PrintRun(const Config& c, const Side& s, SideId id, const Run& r, const cha
     for (size_t i = 0; i < r.cpuPerMsg.size(); ++i) std::printf(" %s %.1f", s.procNames[i].c_str(), r.cpuPerMsg[i]);
     std::printf(" router %.1f us\n", r.routerCpuPerMsg);
     if (r.failures > 0)
-        std::printf("      %llu failed, first: %s\n", static_cast<unsigned long long>(r.failures), r.firstError.c_str());
+        std::printf("      %llu failed, first: %s\n", static_cast<unsigned long long>(r.failures),
+                    r.firstError.c_str());
 }
 
 void PrintTable(const Options& opt, const std::vector<Config>& configs, const std::vector<Side>& sides) {

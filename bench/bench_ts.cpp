@@ -298,7 +298,8 @@ int RunBench(const Options& opt) {
                             {self, "--role", "baseline", runDir, std::to_string(routes.baseRoute),
                              std::to_string(routes.basePort)},
                             runDir + "/log/baseline.out", &why);
-    if (router <= 0 || base <= 0 || !bench::WaitReady(kids, base, FifoPath(runDir, "1_" + std::to_string(base)), &g_stop, &why)) {
+    if (router <= 0 || base <= 0 ||
+        !bench::WaitReady(kids, base, FifoPath(runDir, "1_" + std::to_string(base)), &g_stop, &why)) {
         std::fprintf(stderr, "bench_ts: router or baseline relay: %s\n%s", why.c_str(),
                      Tail(runDir + "/log/baseline.out").c_str());
         return 1;

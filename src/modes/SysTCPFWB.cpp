@@ -239,7 +239,7 @@ int64_t FwbServerIdle(Fwb& f, int64_t now) {
     if (f.remote.fd < 0 || f.idleTimeout <= 0) return comp::Loop::kNever;
     const FwbEntry& r = f.rows[f.remote.fd];
     if (now / comp::kUsecPerSec - r.lastRecv < f.idleTimeout) return AtSec(r.lastRecv + f.idleTimeout);
-    COMP_ERRLOG("[%s,%d][%d]%s:%d time out and close", SRC_NAME, __LINE__, r.fd, r.peerIp, r.port);
+    COMP_ERRLOG("[%s,%d][%d]%.16s:%d time out and close", SRC_NAME, __LINE__, r.fd, r.peerIp, r.port);
     FwbServerLost(f);
     return comp::Loop::kNever;
 }
@@ -444,13 +444,13 @@ int64_t FwbBeat(Fwb& f, int64_t now) {
     char hdr[fw::kHeaderLen];
     SysFWBuildExHeader(fw::kBeat, ip, port, hdr);
     if (fw::SendUnit(sfd, hdr, beat, beatLen) != 0) {
-        COMP_ERRLOG("[%s,%d,%s]snd beat heart msg to [%s:%d] error", SRC_NAME, __LINE__, kMode, s.peerIp, s.port);
+        COMP_ERRLOG("[%s,%d,%s]snd beat heart msg to [%.16s:%d] error", SRC_NAME, __LINE__, kMode, s.peerIp, s.port);
         FwbServerLost(f);
         return comp::Loop::kNever;
     }
     s.lastSend = nowSec;
-    SysConnLog(sfd, s.logPath, LOG_INFO, beat, beatLen, "[%s,%d]beat msg to %s [%s:%d]", SRC_NAME, __LINE__, "server",
-               s.peerIp, s.port);
+    SysConnLog(sfd, s.logPath, LOG_INFO, beat, beatLen, "[%s,%d]beat msg to %s [%.16s:%d]", SRC_NAME, __LINE__,
+               "server", s.peerIp, s.port);
     return AtSec(s.lastSend + f.beatInterval + 1);
 }
 
@@ -460,7 +460,7 @@ void FwbCloseHook(Fwb& f, int fd) {
     FwbEntry& r = f.rows[fd];
     if (r.kind == kKindServer) {
         f.remote.fd = -1;
-        SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%s:%d]fd%d-----END<<<", SRC_NAME,
+        SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%.16s:%d]fd%d-----END<<<", SRC_NAME,
                    __LINE__, kMode, r.peerIp, r.port, fd);
         f.loop->SetDue(f.idleTimer, comp::Loop::kNever);
         f.loop->SetDue(f.beatTimer, comp::Loop::kNever);
@@ -470,7 +470,7 @@ void FwbCloseHook(Fwb& f, int fd) {
     if (r.kind == kKindClient) {
         int rc = SysFWDelConnection(r.peerIp, r.port, 1);
         if (rc < 0) COMP_ERRLOG("[%s,%d] SysFWDelConnection error", SRC_NAME, __LINE__);
-        if (rc == 1) COMP_ERRLOG("[%s,%d][%s]SysFWDelConnection error", SRC_NAME, __LINE__, r.peerIp);
+        if (rc == 1) COMP_ERRLOG("[%s,%d][%.16s]SysFWDelConnection error", SRC_NAME, __LINE__, r.peerIp);
     }
     SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%.16s:%d]fd%d-----END<<<", SRC_NAME,
                __LINE__, kMode, r.peerIp, r.port, fd);
@@ -575,7 +575,7 @@ int SysGetRemoteSock(const char* pcIp, int iPort, const char* pcRouteName) {
                   r.peerIp);
     f.remote.fd = fd;
     f.remote.lastConnect = loop.NowSec();
-    SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%s:%d]fd%d-----BEGIN<<<", SRC_NAME,
+    SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%.16s:%d]fd%d-----BEGIN<<<", SRC_NAME,
                __LINE__, kMode, r.peerIp, r.port, fd);
     if (f.idleTimeout > 0) loop.SetDue(f.idleTimer, AtSec(r.lastRecv + f.idleTimeout));
     loop.SetDue(f.beatTimer, AtSec(r.lastSend + f.beatInterval + 1));

@@ -223,7 +223,8 @@ void FwsClientCame(Fws& s, int fd, const fw::ExHeader& h) {
     std::memcpy(n.caText2, h.ftp.user, sizeof n.caText2);
     std::memcpy(n.caText3, h.ftp.pwd, sizeof n.caText3);
     SysSendNMsg(s.routeNo, fd, &n, h.port);
-    SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]注册[%s,%d]", SRC_NAME, __LINE__, kMode, h.ip, h.port);
+    SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]注册[%s,%d]", SRC_NAME, __LINE__, kMode, h.ip,
+               h.port);
     SysConnLog(fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%s,%d]%d-----BEGIN<<<", SRC_NAME, __LINE__,
                kMode, h.ip, h.port, fd);
 }
@@ -297,8 +298,9 @@ void FwsFromLink(Fws& s, int fd, unsigned) {
     fw::UnitStatus st = fw::ReadUnit(fd, fw::Reader::kServer, s.route, &s.buf, &u);
     switch (st) {
         case fw::UnitStatus::kHeaderShort:
-            SysConnLog(fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d,%s]ret=%d fd=%d,iSockRecv error.errno %d ,errmsg[%s]",
-                       SRC_NAME, __LINE__, kMode, u.headerGot, fd, u.err, std::strerror(u.err));
+            SysConnLog(fd, r.logPath, LOG_ERROR, nullptr, 0,
+                       "[%s,%d,%s]ret=%d fd=%d,iSockRecv error.errno %d ,errmsg[%s]", SRC_NAME, __LINE__, kMode,
+                       u.headerGot, fd, u.err, std::strerror(u.err));
             s.loop->Close(fd);
             return;
         case fw::UnitStatus::kUnknownKind:
@@ -332,7 +334,7 @@ void FwsFromLink(Fws& s, int fd, unsigned) {
 void FwsCloseHook(Fws& s, int fd) {
     FwsEntry& r = s.rows[fd];
     if (SysFWDelConnection(r.peerIp, r.port, 1) < 0)
-        COMP_ERRLOG("[%s,%d] [%s]SysFWDelConnection error", SRC_NAME, __LINE__, r.peerIp);
+        COMP_ERRLOG("[%s,%d] [%.16s]SysFWDelConnection error", SRC_NAME, __LINE__, r.peerIp);
     if (!s.nodes) s.nodes = std::make_unique<ConnNode[]>(comp::kRegistryNodes);
     const int n = GetVirtualNodeList(static_cast<int>(s.pid), fd, fd, s.nodes.get());
     if (n < 0) {
