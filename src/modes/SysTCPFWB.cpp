@@ -236,7 +236,7 @@ void FwbCloseClient(Fwb& f, int fd, bool bTell) {
 // ---- timers and handlers, in the order the loop calls them ------------------
 
 int64_t FwbServerIdle(Fwb& f, int64_t now) {
-    if (f.remote.fd < 0 || f.idleTimeout <= 0) return comp::Loop::kNever;
+    if (f.remote.fd < 0) return comp::Loop::kNever;
     const FwbEntry& r = f.rows[f.remote.fd];
     if (now / comp::kUsecPerSec - r.lastRecv < f.idleTimeout) return AtSec(r.lastRecv + f.idleTimeout);
     COMP_ERRLOG("[%s,%d][%d]%.16s:%d time out and close", SRC_NAME, __LINE__, r.fd, r.peerIp, r.port);

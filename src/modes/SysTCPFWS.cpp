@@ -239,11 +239,11 @@ void FwsTellGone(Fws& s, int fd, const char* pcIp, int iPort) {
                pcIp, iPort);
 }
 
-// "Z": TranP hears N003 and the client's entry goes, so that a connection
-// that lives long while its clients come and go does not fill the registry.
+// "Z": TranP hears N003. The client's registry entry stays until its
+// forwarder connection closes, which removes the entries of all its clients
+// together (and tells TranP of each once more).
 void FwsClientLeft(Fws& s, int fd, const fw::ExHeader& h) {
     FwsTellGone(s, fd, h.ip, h.port);
-    SysFWDelConnection(h.ip, h.port, fd);
     SysConnLog(fd, s.rows[fd].logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]>>>-----[%s,%d]%d-----END<<<", SRC_NAME,
                __LINE__, kMode, h.ip, h.port, fd);
 }

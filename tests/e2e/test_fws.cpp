@@ -123,7 +123,10 @@ TEST_F(FwsTest, clients_behind_a_link_are_announced_and_their_messages_go_both_w
     EXPECT_EQ(n3.code(), "N003");
     EXPECT_EQ(n3.port, 4321);
     EXPECT_EQ(n3.sock, n1.sock);
-    EXPECT_EQ(Virtual(n1.sock), 0) << "the client's entry went with its Z";
+    EXPECT_EQ(Virtual(n1.sock), 1) << "the entry stays until its forwarder connection goes";
+    link.reset();
+    EXPECT_EQ(Next().code(), "N003") << "the connection's end tells TranP of every entry behind it";
+    EXPECT_EQ(Virtual(n1.sock), 0);
 }
 
 TEST_F(FwsTest, beat_is_answered_on_the_same_connection_and_goes_no_further) {
