@@ -17,4 +17,8 @@ int SysTcptcRecvPlatMsg(int iFifoFd, const char* pcRouteId, RouteRecord stRoute,
 int SysLsnInit(RouteRecord stRoute);
 int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute);
 
+// ---- station link (VANTREL) ----
+// The station link's protocol routines are declared in modes/SysVantrel.h.
+int SysTCPVANTREL(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+
 }  // extern "C"
