@@ -5,7 +5,7 @@
 //   comp PATH                          comp binary (else $COMPKIT_COMP, else next to compkit)
 //   relay-timeout SECONDS              forget a relayed request after this long (default 60)
 //   route ID MODE [ACTION] [listen IP:PORT]
-//        ACTION: echo | relay ID | drop (default drop)
+//        ACTION: echo | relay ID | station | drop (default drop)
 //   instance ROUTE NUMBER
 #pragma once
 
@@ -36,7 +36,7 @@ const ModeInfo* FindMode(std::string_view name);
 const char* FormName(AnswerForm form);
 
 struct RouteCfg {
-    enum class Action { kDrop, kEcho, kRelay };
+    enum class Action { kDrop, kEcho, kRelay, kStation };
     int id = 0;
     std::string idText;       // as comp receives it on its command line
     const ModeInfo* mode = nullptr;

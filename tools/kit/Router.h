@@ -97,6 +97,8 @@ public:
 private:
     void echo(const RouteCfg& r, const PlatHeader& h, const char* text, int len, std::vector<std::string>* trace);
     void relayRequest(const RouteCfg& r, const char* text, int len, std::vector<std::string>* trace);
+    // TranP's part in the station link's sequences (see StationFrames.h).
+    void station(const PlatHeader& h, const char* text, int len, std::vector<std::string>* trace);
     void relayAnswer(const RouteCfg& from, int clientRoute, const char* text, int len,
                      std::vector<std::string>* trace);
     // Picks the next instance of a route, round robin; false when none waits.
