@@ -72,6 +72,15 @@ std::string RouteLine(int route, const char* name, const char* sndType, int port
     return line;
 }
 
+// A station link route: the 39-byte header's 32-bit length at offset 1 in
+// host order counts the whole frame; no beats, a long idle time-out.
+std::string StationRouteLine(int route, const char* name, int port) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%d 1 %s 1 3600 39 4 1 1 1 -39 4 4 1 4 0 M 60 5 127.0.0.1:%d 0\n", route, name,
+                  port);
+    return line;
+}
+
 std::string TablesCfgText(const BenchRoutes& r) {
     std::string s =
         "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
@@ -82,6 +91,12 @@ std::string TablesCfgText(const BenchRoutes& r) {
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    s += "[PLAT_STATICROUTEINF]\n"
+         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
+         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
+         "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT BEATSWITCH\n";
+    s += StationRouteLine(r.stationRoute, "bench-station", r.stationPeerPort);
+    s += StationRouteLine(r.baseStationRoute, "bench-stbase", r.baseStationPeerPort);
     return s;
 }
 
@@ -90,9 +105,9 @@ std::string KitCfgText(const BenchRoutes& r) {
            " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
 }
 
-std::string AppCfgText(int logLevel) {
+std::string AppCfgText(int logLevel, const std::string& moreVars = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + moreVars + "[]\n";
 }
 
 }  // namespace
@@ -148,7 +163,10 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     routes_.tsPort = FreeLoopbackPort();
     routes_.basePort = FreeLoopbackPort();
     routes_.tcServerPort = FreeLoopbackPort();
-    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 ||
+    routes_.stationPeerPort = FreeLoopbackPort();
+    routes_.baseStationPeerPort = FreeLoopbackPort();
+    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 || routes_.stationPeerPort <= 0 ||
+        routes_.baseStationPeerPort <= 0 || routes_.stationPeerPort == routes_.baseStationPeerPort ||
         routes_.tsPort == routes_.basePort) {
         *why = "no free loopback ports";
         Destroy();
@@ -194,6 +212,10 @@ void BenchPlatform::Destroy() {
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
     return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+}
+
+bool BenchPlatform::SetAppCfg(int logLevel, const std::string& moreVars, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, moreVars), why);
 }
 
 void BenchPlatform::TrimLogs() const {

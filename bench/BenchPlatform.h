@@ -18,6 +18,12 @@ struct BenchRoutes {
     int tsPort = 0;       // loopback listen ports (0: picked free)
     int basePort = 0;
     int tcServerPort = 0; // where TC would connect; nothing listens there
+    // Station links (bench_station): comp SysTCPVANTREL and the baseline
+    // station relay, each the client of its own station peer.
+    int stationRoute = 70;
+    int baseStationRoute = 71;
+    int stationPeerPort = 0;
+    int baseStationPeerPort = 0;
 };
 
 class BenchPlatform {
@@ -38,6 +44,8 @@ public:
 
     // Rewrites app.cfg; a comp started afterwards reads the new level.
     bool SetLogLevel(int logLevel, std::string* why);
+    // The same with further [APPVARS] lines (each ended by a newline).
+    bool SetAppCfg(int logLevel, const std::string& moreVars, std::string* why);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;
