@@ -127,6 +127,12 @@ int SysTCPVANTREL(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iAr
         COMP_ERRLOG("[%s,%d]iGetStaticTblValues error", SRC_NAME, __LINE__);
         return -1;
     }
+    // The frame layout fixes the header: any other length could not be read.
+    if (v.headerLen != vt::kHeaderLen) {
+        COMP_ERRLOG("[%s,%d]%s config error,HEADERLEN[%d] of a station link must be %d", SRC_NAME, __LINE__,
+                    "PLAT_STATICROUTEINF", v.headerLen, vt::kHeaderLen);
+        return -1;
+    }
     int tableSize = comp::ModeTableSize(SRC_NAME, __LINE__,
                                         "[%s,%d]SysGetenvByName error or MAX_COM_NUM lost,errno=%d,errmsg=[%s]");
     if (tableSize < 0) return -1;

@@ -142,6 +142,29 @@ TEST_F(VantrelProtocolTest, crc_of_a_body_and_the_key_of_an_identity) {
     EXPECT_EQ(v::NextSerial(1), 2);
 }
 
+// The worked example of the operator documentation.
+TEST_F(VantrelProtocolTest, documented_data_frame_and_its_acknowledgement) {
+    const unsigned char data[] = {0xF0, 0x31, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x01, 0x02, 0xFF,
+                                  0x01, 0x20, 0x24, 0x05, 0x17, 0x09, 0x30, 0x15, 0x07, 0x00, 0x5D, 0x00, 0x12,
+                                  0x01, 0x07, 0x09, 0x05, 0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x01, 0xFF,
+                                  0x48, 0x45, 0x4C, 0x4C, 0x4F, 0x2B, 0x93, 0x66, 0x07, 0xFF};
+    static_assert(sizeof data == 49);
+    EXPECT_EQ(v::BodyCrc(data, 49), v::StoredCrc(data, 49));
+    char code[16] = {0};
+    ASSERT_EQ(SysGetVantrelMsgType(reinterpret_cast<const char*>(data), code), 0);
+    EXPECT_STREQ(code, "02000FFF");
+    char key[33];
+    v::HexKey(data + 13, key);
+    EXPECT_STREQ(key, "012024051709301507005D0012010709");
+    run.write("etc/app.cfg", "[APPVARS]\n0002 0012\n[]\n");
+    unsigned char ack[60];
+    int len = 0;
+    ASSERT_EQ(SysBuildAck(2, 0xFB, data + 13, &len, reinterpret_cast<char*>(ack)), 0);
+    EXPECT_EQ(v::BodyCrc(ack, 60), 0x15B99D5Fu);
+    EXPECT_EQ(ack[24], 0x00);
+    EXPECT_EQ(ack[25], 0x12);
+}
+
 TEST_F(VantrelProtocolTest, sequence_command_is_an_n004_of_72_bytes_to_tranp) {
     g_stMsgQCntl[comp::kQueueToTranp].iId = keys.newQueue();
     v::ResetLink();
