@@ -130,8 +130,9 @@ bool ParseOptions(int argc, char** argv, Options* o) {
 
 // ---------------------------------------------------------------------------
 // The baseline station relay: one poll loop doing only what one message
-// needs. Doorbell -> msgrcv -> stamp length, serial, CRC -> send; the peer's
-// ACK -> msgsnd of an N005 with the frame's value.
+// needs. Doorbell -> msgrcv -> stamp length, serial, CRC -> send, one frame
+// at a time: the next waits until a frame from the peer has come; the
+// peer's ACK -> msgsnd of an N005 with the frame's value.
 // ---------------------------------------------------------------------------
 int RunBaselineRole(const std::string& runDir, int route, int peerPort) {
     struct sigaction sa {};
@@ -169,8 +170,27 @@ int RunBaselineRole(const std::string& runDir, int route, int peerPort) {
     auto in = std::make_unique<QueueMsg>();
     auto out = std::make_unique<QueueMsg>();
     std::map<std::string, std::string> waiting;   // identity -> value, as comp keeps them
+    std::deque<st::Bytes> queued;                 // TranP's frames not sent yet
+    bool answered = true;                         // stop and wait, as the link requires
     uint16_t serial = 1;
     st::Reader reader;
+    // Stamps and sends the oldest queued frame; false when the send failed.
+    auto sendNext = [&]() {
+        if (!answered || queued.empty()) return true;
+        st::Bytes f = std::move(queued.front());
+        queued.pop_front();
+        const int len = static_cast<int>(f.size());
+        const uint32_t ulen = static_cast<uint32_t>(len);
+        std::memcpy(f.data() + v::kLenAt, &ulen, 4);
+        std::memcpy(f.data() + v::kSerialAt, &serial, 2);
+        serial = v::NextSerial(serial);
+        const uint32_t crc = v::BodyCrc(f.data(), len);
+        std::memcpy(f.data() + len - v::kTrailerLen, &crc, 4);
+        waiting[st::HexOf(st::IdentityOf(f))] =
+            st::HexOf(st::Bytes(f.begin() + v::kValueAt, f.begin() + v::kValueAt + v::kValueLen));
+        answered = false;
+        return send(sock.get(), f.data(), f.size(), MSG_NOSIGNAL) == len;
+    };
     while (!g_stop) {
         pollfd p[2] = {{fifo.get(), POLLIN, 0}, {sock.get(), POLLIN, 0}};
         if (poll(p, 2, -1) <= 0) continue;
@@ -180,17 +200,9 @@ int RunBaselineRole(const std::string& runDir, int route, int peerPort) {
                 in->lMsgType = pid;
                 ssize_t n = msgrcv(q8, in.get(), sizeof in->caText, pid, IPC_NOWAIT);
                 if (n > plat::kHeaderLen + v::kOverhead) {
-                    auto* f = reinterpret_cast<unsigned char*>(in->caText + plat::kHeaderLen);
-                    const int len = static_cast<int>(n) - plat::kHeaderLen;
-                    const uint32_t ulen = static_cast<uint32_t>(len);
-                    std::memcpy(f + v::kLenAt, &ulen, 4);
-                    std::memcpy(f + v::kSerialAt, &serial, 2);
-                    serial = v::NextSerial(serial);
-                    const uint32_t crc = v::BodyCrc(f, len);
-                    std::memcpy(f + len - v::kTrailerLen, &crc, 4);
-                    waiting[st::HexOf(st::Bytes(f + v::kIdentityAt, f + v::kIdentityAt + v::kIdentityLen))] =
-                        st::HexOf(st::Bytes(f + v::kValueAt, f + v::kValueAt + v::kValueLen));
-                    if (send(sock.get(), f, static_cast<size_t>(len), MSG_NOSIGNAL) != len) break;
+                    const auto* f = reinterpret_cast<const unsigned char*>(in->caText + plat::kHeaderLen);
+                    queued.emplace_back(f, f + (n - plat::kHeaderLen));
+                    if (!sendNext()) break;
                 }
             }
         }
@@ -201,6 +213,7 @@ int RunBaselineRole(const std::string& runDir, int route, int peerPort) {
             if (n > 0) reader.feed(buf, static_cast<size_t>(n));
             bool bad = false;
             while (auto f = reader.next(&bad)) {
+                answered = true;
                 if (st::SubOf(*f) != v::kSubAck) continue;
                 auto it = waiting.find(st::HexOf(st::AckedIdentity(*f)));
                 if (it == waiting.end()) continue;
@@ -216,6 +229,7 @@ int RunBaselineRole(const std::string& runDir, int route, int peerPort) {
                 waiting.erase(it);
                 if (msgsnd(q7, out.get(), total, 0) != 0) break;
             }
+            if (!sendNext()) break;
         }
     }
     unlink(fifoPath.c_str());

@@ -438,7 +438,8 @@ int SysSendIdle(Vt& v) {
     char ip[17] = {0};
     int port = 0;
     const int fd = iGetFdByIP(v, ip, &port);
-    if (fd < 0) return 0;
+    // Nothing waits: the pool is not searched (it may hold many kept frames).
+    if (fd < 0 || v.queued == 0) return 0;
     int len = 0;
     unsigned char* f = NextFromPool(v, __func__, &len);
     if (f == nullptr) return 0;
