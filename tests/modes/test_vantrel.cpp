@@ -1,6 +1,6 @@
 // The station link protocol in memory: message-type codes, acknowledgement
 // frames, the N004 command, reassembly of packets (from memory and from a
-// socket whose frame arrives in two parts), and every rule of the two
+// socket whose frame arrives in two segments), and every rule of the two
 // sequence controllers.
 #include <fcntl.h>
 #include <sys/msg.h>
@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "UnitFixture.h"
@@ -316,15 +315,13 @@ TEST_F(ReassemblyTest, frame_cut_at_every_byte_boundary_of_a_socket_is_read_whol
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
     comp::UniqueFd reader(sv[0]), writer(sv[1]);
     ASSERT_EQ(fcntl(reader.get(), F_SETFL, O_NONBLOCK), 0);
+    // Two writes are two segments of the stream: the reads of the header and
+    // of the rest cross the cut wherever it lies.
     for (size_t cut = 1; cut < f.bytes.size(); ++cut) {
         ASSERT_EQ(write(writer.get(), f.data(), cut), ssize_t(cut));
-        std::thread rest([&] {
-            usleep(200);
-            ASSERT_EQ(write(writer.get(), f.data() + cut, f.bytes.size() - cut), ssize_t(f.bytes.size() - cut));
-        });
+        ASSERT_EQ(write(writer.get(), f.data() + cut, f.bytes.size() - cut), ssize_t(f.bytes.size() - cut));
         int total = 0;
         const int rc = RecvVantrelMsg(reader.get(), out, 39, route, &total);
-        rest.join();
         ASSERT_EQ(rc, int(f.bytes.size())) << "cut at " << cut << Logs();
         EXPECT_EQ(std::string(out, size_t(rc)), f.bytes);
     }
@@ -333,6 +330,10 @@ TEST_F(ReassemblyTest, frame_cut_at_every_byte_boundary_of_a_socket_is_read_whol
     ASSERT_EQ(write(writer.get(), three.data(), three.size()), ssize_t(three.size()));
     int total = 0;
     for (int i = 0; i < 3; ++i) EXPECT_EQ(RecvVantrelMsg(reader.get(), out, 39, route, &total), int(f.bytes.size()));
+    // A frame whose rest never comes: a short read once the stream ends.
+    ASSERT_EQ(write(writer.get(), f.data(), 45), 45);
+    writer.reset();
+    EXPECT_EQ(RecvVantrelMsg(reader.get(), out, 39, route, &total), -2);
 }
 
 // ---- sequence controllers ---------------------------------------------------
