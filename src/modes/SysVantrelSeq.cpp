@@ -314,6 +314,17 @@ int Apply(const Rule& r, const char* fn, VantrelSock& c, const unsigned char* id
     return r.result;
 }
 
+// Forms the frame's code (logged under the controller fn); false, after
+// "收到非法消息", when the frame has none.
+bool CodeOf(const char* pcFrame, const char* fn, const char* pcSeenFmt, char (&code)[16]) {
+    if (SysGetVantrelMsgType(pcFrame, code) != 0) {
+        COMP_ERRLOG("[%s,%d,%s]收到非法消息[%s]", SRC_NAME, __LINE__, fn, code);
+        return false;
+    }
+    writelog(LOG_DEBUG, nullptr, 0, pcSeenFmt, SRC_NAME, __LINE__, fn, code);
+    return true;
+}
+
 }  // namespace
 
 }  // namespace comp::vantrel
@@ -327,11 +338,7 @@ int SysSeqRcvCtl(VantrelSock* pstConn, const char* pcHeader, const char* pcFrame
     std::memcpy(&len, pcFrame + kLenAt, sizeof len);
     const FrameView f(pcFrame, static_cast<int>(std::min<uint32_t>(len, comp::kQueueTextLen)));
     char code[16] = {0};
-    if (SysGetVantrelMsgType(pcFrame, code) != 0) {
-        COMP_ERRLOG("[%s,%d,%s]收到非法消息[%s]", SRC_NAME, __LINE__, __func__, code);
-        return -1;
-    }
-    writelog(LOG_DEBUG, nullptr, 0, "[%s,%d,%s]取到msg type =%s", SRC_NAME, __LINE__, __func__, code);
+    if (!CodeOf(pcFrame, __func__, "[%s,%d,%s]取到msg type =%s", code)) return -1;
     const Rule& r = FirstMatch(kRcvRules, Subject{*pstConn, f, code});
     return Apply(r, __func__, *pstConn, reinterpret_cast<const unsigned char*>(pcHeader) + kIdentityAt, nullptr, 0,
                  code);
@@ -340,11 +347,7 @@ int SysSeqRcvCtl(VantrelSock* pstConn, const char* pcHeader, const char* pcFrame
 int SysSeqSndCtl(VantrelSock* pstConn, char* pcFrame, int iLen) {
     const FrameView f(pcFrame, iLen);
     char code[16] = {0};
-    if (SysGetVantrelMsgType(pcFrame, code) != 0) {
-        COMP_ERRLOG("[%s,%d,%s]收到非法消息[%s]", SRC_NAME, __LINE__, __func__, code);
-        return -1;
-    }
-    writelog(LOG_DEBUG, nullptr, 0, "[%s,%d,%s]收到消息[%s]", SRC_NAME, __LINE__, __func__, code);
+    if (!CodeOf(pcFrame, __func__, "[%s,%d,%s]收到消息[%s]", code)) return -1;
     const Rule& r = FirstMatch(kSndRules, Subject{*pstConn, f, code});
     auto* frame = reinterpret_cast<unsigned char*>(pcFrame);
     return Apply(r, __func__, *pstConn, frame + kIdentityAt, frame, iLen, code);

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "kit/KitUtil.h"
+#include "kit/NetTools.h"
 #include "kit/StationFrames.h"
 
 namespace kit {
@@ -213,14 +214,8 @@ int RunStation(const StationOptions& opt) {
         return 1;
     }
     setvbuf(log, nullptr, _IOLBF, 0);
-    UniqueFd lsn(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    int one = 1;
-    setsockopt(lsn.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(opt.port));
-    inet_pton(AF_INET, opt.ip.c_str(), &sa.sin_addr);
-    if (bind(lsn.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(lsn.get(), 8) != 0) {
+    UniqueFd lsn = ListenOn(opt.ip, opt.port, 8);
+    if (!lsn.valid()) {
         std::fprintf(stderr, "compkit station: %s:%d: %s\n", opt.ip.c_str(), opt.port, std::strerror(errno));
         return 1;
     }
@@ -239,6 +234,7 @@ int RunStation(const StationOptions& opt) {
         socklen_t plen = sizeof peer;
         UniqueFd conn(accept4(lsn.get(), reinterpret_cast<sockaddr*>(&peer), &plen, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!conn.valid()) continue;
+        const int one = 1;
         setsockopt(conn.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         char ip[INET_ADDRSTRLEN] = "?";
         inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
