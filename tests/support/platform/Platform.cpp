@@ -205,13 +205,29 @@ int PlatformTest::QueueId(int index) const {
     return it == queueKeys_.end() ? -1 : msgget(it->second, 0);
 }
 
+namespace {
+
+// The sanitizer runtime this (sanitized) test process has loaded, "" when
+// none: a sanitized comp needs it loaded before any preloaded library.
+std::string SanitizerRuntime() {
+    const std::string maps = kit::ReadWholeFile("/proc/self/maps").value_or("");
+    const size_t at = maps.find("/libasan.so");
+    if (at == std::string::npos) return "";
+    const size_t begin = maps.rfind(' ', at) + 1, end = maps.find('\n', at);
+    return maps.substr(begin, end - begin);
+}
+
+}  // namespace
+
 std::vector<std::string> PlatformTest::FastClock(int speed) {
     for (const char* lib : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/aarch64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/faketime/libfaketime.so.1"})
-        if (access(lib, R_OK) == 0)
-            return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed),
+        if (access(lib, R_OK) == 0) {
+            const std::string asan = SanitizerRuntime();
+            return {"LD_PRELOAD=" + (asan.empty() ? "" : asan + ":") + lib, "FAKETIME=+0 x" + std::to_string(speed),
                     "FAKETIME_DONT_RESET=1"};
+        }
     return {};
 }
 
