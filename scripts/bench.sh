@@ -4,7 +4,8 @@
 # defaults) and bench_micro (the per-message routines) when it was built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
-# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
+# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
+# BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -25,4 +26,11 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
+station="$build/bench/bench_station"
+if [ -x "$station" ]; then
+  echo
+  echo "== bench_station: comp SysTCPVANTREL against the baseline station relay"
+  # shellcheck disable=SC2086
+  "$station" --comp "$build/comp" ${BENCH_STATION_ARGS:-} || status=$?
+fi
 exit $status
