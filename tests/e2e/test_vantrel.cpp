@@ -76,10 +76,12 @@ protected:
     }
     // Nothing more reaches TranP within ms.
     bool Quiet(int ms) { return !Next(ms); }
-    void FromTranp(const Bytes& frame) {
-        std::vector<char> text(comp::kPlatHdrLen, 0);
-        text.insert(text.end(), frame.begin(), frame.end());
-        DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), text);
+    void FromTranp(const Bytes& frame) { DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), Text(frame)); }
+    // A frame behind a 64-byte PlatMsg header, as TranP queues it.
+    static std::vector<char> Text(const Bytes& frame) {
+        std::vector<char> text(comp::kPlatHdrLen + frame.size(), 0);
+        std::memcpy(text.data() + comp::kPlatHdrLen, frame.data(), frame.size());
+        return text;
     }
 
     // ---- the peer's side ----
@@ -363,9 +365,7 @@ TEST_F(VantrelTest, full_pool_reports_not_enough_space_and_serves_on) {
     LinkUp();
     Bytes waiting = SendTrade("keeps the rest in the pool");
     const Bytes big = st::Trade(std::string(65000, 'p'));
-    std::vector<char> text(comp::kPlatHdrLen, 0);
-    text.insert(text.end(), big.begin(), big.end());
-    kit::Delivery d{pid, text, comp::kFifoPidNotify, std::to_string(pid)};
+    kit::Delivery d{pid, Text(big), comp::kFifoPidNotify, std::to_string(pid)};
     std::string why;
     const int64_t end = kit::NowMs() + 30000;
     int sent = 0;
