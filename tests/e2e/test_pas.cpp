@@ -12,6 +12,7 @@
 #include "ModeFixture.h"
 #include "ipc/SysConnReg.h"
 #include "ipc/SysIpc.h"
+#include "kit/KitProc.h"
 #include "kit/KitUtil.h"
 
 namespace {
@@ -398,6 +399,35 @@ TEST_F(PasTest, quit_command_removes_both_fifos_and_the_registry_entries) {
     for (const char* kind : {"1_", "4_"})
         EXPECT_FALSE(std::filesystem::exists(run.file(std::string("fifo/") + kind + std::to_string(pid))));
     EXPECT_EQ(Owner("127.0.0.2"), -2);
+}
+
+// compkit status shows each instance of the route with the connections the
+// registry names for it, and the depth of every queue.
+TEST_F(PasTest, compkit_status_lists_the_connections_of_each_instance) {
+    StartPas({}, 2);
+    comp::UniqueFd a = Connected("127.0.0.2", 0);
+    comp::UniqueFd b = Connected("127.0.0.3", 1);
+    ASSERT_TRUE(Send(b.get(), Frame("queued")));
+    ASSERT_TRUE(AwaitCount([&] { return ConnLog("127.0.0.3"); }, "server write to queue", 1));
+    kit::SpawnOptions plan;
+    plan.path = comptest::CompkitBinary();
+    plan.argv = {plan.path, "status", run.path()};
+    plan.outputPath = run.file("status.out");
+    std::string why;
+    pid_t st = kit::Spawn(plan, &why);
+    ASSERT_GT(st, 0) << why;
+    int status = -1;
+    ASSERT_TRUE(kit::WaitChild(st, 5000, &status));
+    const std::string out = comptest::ReadFile(plan.outputPath);
+    for (size_t k : {0u, 1u}) {
+        const std::string head = "    instance " + std::to_string(k + 1) + " pid " + std::to_string(Pid(k)) +
+                                 " running (SysTCPPAS), 1 connection\n      127.0.0." + std::to_string(k + 2) + ":";
+        EXPECT_NE(out.find(head), std::string::npos) << head << "\n" << out;
+    }
+    EXPECT_NE(out.find("  route 40\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(": 1 messages, 74 bytes"), std::string::npos) << "queue 7 holds the message" << out;
+    EXPECT_NE(out.find("  9  Q9 "), std::string::npos) << out;
+    EXPECT_NE(out.find("  10 Q10"), std::string::npos) << out;
 }
 
 }  // namespace
