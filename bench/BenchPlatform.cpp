@@ -65,34 +65,40 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-std::string RouteLine(int route, const char* name, const char* sndType, int port) {
+std::string RouteLine(int route, const char* name, const char* sndType, int port, int idleTimeout = 30,
+                      const char* beatSwitch = "-") {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s 30 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d\n", route, name,
-                  sndType, port);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s\n", route, name,
+                  sndType, idleTimeout, port, beatSwitch);
     return line;
 }
 
-std::string TablesCfgText(const BenchRoutes& r) {
-    std::string s =
-        "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
-        "[PLAT_STATICROUTEINF]\n"
-        "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
-        "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT\n";
+std::string TablesCfgText(const BenchRoutes& r, const BenchExtras& x) {
+    std::string s = "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM " + std::to_string(x.maxComNum) +
+                    "\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
+                    "[PLAT_STATICROUTEINF]\n"
+                    "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET "
+                    "MSGLENGETTYPE MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE "
+                    "MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT BEATSWITCH\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    for (const BenchExtras::Route& e : x.routes)
+        s += RouteLine(e.id, e.name.c_str(), "0", e.port, e.idleTimeout, "0");
     return s;
 }
 
-std::string KitCfgText(const BenchRoutes& r) {
-    return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
-           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
+std::string KitCfgText(const BenchRoutes& r, const BenchExtras& x) {
+    std::string s = "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " +
+                    std::to_string(r.baseRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) +
+                    " SysTCPTC\n";
+    for (const BenchExtras::Route& e : x.routes) s += e.kitLine + "\n";
+    return s;
 }
 
-std::string AppCfgText(int logLevel) {
+std::string AppCfgText(int logLevel, const BenchExtras& x) {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + x.appVars + "[]\n";
 }
 
 }  // namespace
@@ -122,9 +128,9 @@ BenchPlatform::~BenchPlatform() { Destroy(); }
 
 bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
-           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -193,7 +199,7 @@ void BenchPlatform::Destroy() {
 }
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_), why);
 }
 
 void BenchPlatform::TrimLogs() const {

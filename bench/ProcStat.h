@@ -27,6 +27,15 @@ std::optional<CtxSwitches> ProcessCtxSwitches(pid_t pid);
 // The two counters in the text of /proc/<pid>/status.
 std::optional<CtxSwitches> ParseCtxSwitches(std::string_view statusText);
 
+// Resident memory of a process in KiB (VmRSS of /proc/<pid>/status);
+// nullopt when it is gone.
+std::optional<uint64_t> ProcessRssKiB(pid_t pid);
+// A "Name:  <n> kB" field of /proc/<pid>/status text.
+std::optional<uint64_t> ParseStatusKiB(std::string_view statusText, std::string_view name);
+// Kernel slab memory in KiB (Slab of /proc/meminfo): where the kernel keeps
+// its socket, file and epoll structures.
+std::optional<uint64_t> KernelSlabKiB();
+
 // CPU of one process over a stretch of time.
 class CpuMeter {
 public:

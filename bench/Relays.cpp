@@ -240,6 +240,11 @@ void BaselineRelay::Answer() {
         body += s;
         left -= static_cast<size_t>(s);
     }
+    if (opt_.persistent && left == 0) {
+        conns_[fd].waiting = false;
+        reading_.push_back(fd);
+        return;
+    }
     Close(fd);
 }
 

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
+#include "BenchProcs.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -37,12 +38,13 @@
 namespace {
 
 using bench::BenchPlatform;
+using bench::Children;
+using bench::LoadAverage;
+using bench::Tail;
 
 volatile sig_atomic_t g_stop = 0;
 extern "C" void OnBenchStop(int) { g_stop = 1; }
 
-constexpr int kReadyTimeoutMs = 10000;
-constexpr int kQuitGraceMs = 3000;
 constexpr double kTargetThroughput = 0.8;
 constexpr double kTargetP50 = 1.3;
 constexpr int kTargetLevel = 3;
@@ -64,20 +66,6 @@ void Usage() {
     std::fprintf(stderr,
                  "usage: bench_ts [--comp PATH] [--seconds S] [--rounds N] [--warmup S] [--clients 1,16]\n"
                  "                [--levels 3,1] [--idle S] [--body BYTES] [--no-freeze] [--keep]\n");
-}
-
-std::optional<std::vector<int>> IntList(const std::string& text) {
-    std::vector<int> out;
-    size_t pos = 0;
-    while (pos <= text.size()) {
-        size_t comma = text.find(',', pos);
-        auto v = kit::ParseLong(text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
-        if (!v || *v < 1 || *v > 1000) return std::nullopt;
-        out.push_back(static_cast<int>(*v));
-        if (comma == std::string::npos) break;
-        pos = comma + 1;
-    }
-    return out;
 }
 
 bool ParseOptions(int argc, char** argv, Options* o) {
@@ -104,8 +92,8 @@ bool ParseOptions(int argc, char** argv, Options* o) {
         else if (a == "--warmup" && (d = number(0, 60))) o->warmup = *d;
         else if (a == "--idle" && (d = number(0, 60))) o->idleSeconds = *d;
         else if (a == "--body" && (d = number(4, 9000))) o->bodyBytes = static_cast<int>(*d);
-        else if (a == "--clients" && (s = value()) && (list = IntList(*s))) o->clients = *list;
-        else if (a == "--levels" && (s = value()) && (list = IntList(*s))) o->levels = *list;
+        else if (a == "--clients" && (s = value()) && (list = bench::IntList(*s))) o->clients = *list;
+        else if (a == "--levels" && (s = value()) && (list = bench::IntList(*s))) o->levels = *list;
         else if (a == "--no-freeze") o->freeze = false;
         else if (a == "--keep") o->keep = true;
         else return false;
@@ -113,99 +101,10 @@ bool ParseOptions(int argc, char** argv, Options* o) {
     return true;
 }
 
-// ---------------------------------------------------------------------------
-// Child processes, stopped by pid on every way out.
-// ---------------------------------------------------------------------------
-class Children {
-public:
-    ~Children() {
-        for (auto& [pid, kid] : kids_) {
-            if (kid.reaped) continue;
-            kill(pid, SIGCONT);
-            kit::StopChild(pid, kQuitGraceMs);
-        }
-    }
-    pid_t Start(const std::string& name, const std::vector<std::string>& argv, const std::string& output,
-                std::string* why) {
-        kit::SpawnOptions plan;
-        plan.path = argv[0];
-        plan.argv = argv;
-        plan.outputPath = output;
-        pid_t pid = kit::Spawn(plan, why);
-        if (pid > 0) kids_[pid] = Kid{name, false};
-        return pid;
-    }
-    // Ends a child: its quit path first when a control FIFO is given, then
-    // SIGTERM and SIGKILL. A child that was already reaped is left alone
-    // (its pid may belong to another process by now).
-    void Stop(pid_t pid, const std::string& controlFifo = "") {
-        auto it = kids_.find(pid);
-        if (it == kids_.end()) return;
-        const bool reaped = it->second.reaped;
-        kids_.erase(it);
-        if (reaped) return;
-        kill(pid, SIGCONT);
-        int status = 0;
-        if (!controlFifo.empty()) {
-            int fd = open(controlFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (fd >= 0) {
-                if (write(fd, "x", 1) != 1) std::fprintf(stderr, "bench: cannot write %s\n", controlFifo.c_str());
-                close(fd);
-                if (kit::WaitChild(pid, kQuitGraceMs, &status)) return;
-            }
-        }
-        kit::StopChild(pid, kQuitGraceMs);
-    }
-    bool Alive(pid_t pid) {
-        auto it = kids_.find(pid);
-        if (it == kids_.end() || it->second.reaped) return false;
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == 0) return true;
-        it->second.reaped = true;
-        return false;
-    }
-
-private:
-    struct Kid {
-        std::string name;
-        bool reaped;
-    };
-    std::map<pid_t, Kid> kids_;
-};
-
-bool FileExists(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0;
-}
-
-// Waits for a FIFO that a child creates once it is ready to serve.
-bool WaitReady(Children& kids, pid_t pid, const std::string& fifo, std::string* why) {
-    const int64_t deadline = kit::NowMs() + kReadyTimeoutMs;
-    while (!g_stop && kit::NowMs() < deadline) {
-        if (FileExists(fifo)) return true;
-        if (!kids.Alive(pid)) {
-            *why = "it ended before it was ready";
-            return false;
-        }
-        kit::SleepMs(10);
-    }
-    *why = g_stop ? "interrupted" : "not ready after " + std::to_string(kReadyTimeoutMs / 1000) + " s";
-    return false;
-}
-
-// The first three fields of /proc/loadavg: how busy the machine was.
-std::string LoadAverage() {
-    std::string text = kit::ReadWholeFile("/proc/loadavg").value_or("?");
-    size_t cut = 0;
-    for (int fields = 0; fields < 3 && cut != std::string::npos; ++fields) cut = text.find(' ', cut + 1);
-    return text.substr(0, cut);
-}
-
 std::string FifoPath(const std::string& runDir, const std::string& name) { return runDir + "/fifo/" + name; }
 
-std::string Tail(const std::string& path, size_t maxBytes = 2000) {
-    std::string text = kit::ReadWholeFile(path).value_or("");
-    return text.size() > maxBytes ? "..." + text.substr(text.size() - maxBytes) : text;
+bool WaitReady(Children& kids, pid_t pid, const std::string& fifo, std::string* why) {
+    return bench::WaitReady(kids, pid, fifo, &g_stop, why);
 }
 
 // ---------------------------------------------------------------------------

@@ -1,0 +1,55 @@
+// What every benchmark program does around its measurements: the helper
+// processes it starts (stopped by pid on every way out), waiting for one to
+// be ready, and the small texts of its report.
+#pragma once
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+class Children {
+public:
+    Children() = default;
+    ~Children();
+    Children(const Children&) = delete;
+    Children& operator=(const Children&) = delete;
+
+    // Starts argv (argv[0] is the path) with its output in `output`; the pid,
+    // or -1 with the reason. inheritFd: a descriptor it keeps across exec.
+    pid_t Start(const std::string& name, const std::vector<std::string>& argv, const std::string& output,
+                std::string* why, int inheritFd = -1);
+    // Ends a child: its quit path first when a control FIFO is given, then
+    // SIGTERM and SIGKILL. A child that was already reaped is left alone
+    // (its pid may belong to another process by now).
+    void Stop(pid_t pid, const std::string& controlFifo = "");
+    bool Alive(pid_t pid);
+
+private:
+    struct Kid {
+        std::string name;
+        bool reaped;
+    };
+    std::map<pid_t, Kid> kids_;
+};
+
+// Waits for a file (a FIFO) that a child creates once it is ready to serve;
+// false with the reason when it ends first, takes too long or *stop is set.
+bool WaitReady(Children& kids, pid_t pid, const std::string& path, const volatile sig_atomic_t* stop,
+               std::string* why);
+
+// The first three fields of /proc/loadavg: how busy the machine was.
+std::string LoadAverage();
+
+// The last bytes of a file, for error reports.
+std::string Tail(const std::string& path, size_t maxBytes = 2000);
+
+// "1,16" -> {1, 16}; values 1..1000.
+std::optional<std::vector<int>> IntList(const std::string& text);
+
+}  // namespace bench
