@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "kit/KitProc.h"
 #include "kit/KitUtil.h"
@@ -105,6 +106,38 @@ std::optional<std::vector<int>> IntList(const std::string& text) {
         pos = comma + 1;
     }
     return out;
+}
+
+std::optional<std::string> OptionReader::Value() {
+    if (i_ + 1 >= argc_) return std::nullopt;
+    return std::string(argv_[++i_]);
+}
+
+std::optional<double> OptionReader::Number(double lo, double hi) {
+    auto v = Value();
+    if (!v) return std::nullopt;
+    char* end = nullptr;
+    double d = std::strtod(v->c_str(), &end);
+    if (end == v->c_str() || *end != '\0' || d < lo || d > hi) return std::nullopt;
+    return d;
+}
+
+bool ResolveCompPath(const char* prog, std::string* path) {
+    if (path->empty()) {
+        std::string self = kit::SelfExe();
+        *path = self.substr(0, self.rfind('/')) + "/../comp";
+    }
+    if (access(path->c_str(), X_OK) == 0) return true;
+    std::fprintf(stderr, "%s: %s is not an executable; build comp or pass --comp PATH\n", prog, path->c_str());
+    return false;
+}
+
+void InstallStopHandler(void (*handler)(int)) {
+    struct sigaction sa {};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
 }
 
 }  // namespace bench

@@ -52,4 +52,36 @@ std::string Tail(const std::string& path, size_t maxBytes = 2000);
 // "1,16" -> {1, 16}; values 1..1000.
 std::optional<std::vector<int>> IntList(const std::string& text);
 
+// The words of a command line, one option at a time with its value checked:
+//   for (OptionReader r(argc, argv); r.Next();)
+//       if (r.Is("--seconds") && (d = r.Number(0.1, 600))) ...
+class OptionReader {
+public:
+    OptionReader(int argc, char** argv) : argc_(argc), argv_(argv) {}
+    bool Next() { return ++i_ < argc_; }
+    bool Is(const char* flag) const { return std::string(argv_[i_]) == flag; }
+    // The word after the option (consumed), or nullopt at the end.
+    std::optional<std::string> Value();
+    // The next word as a number within [lo, hi], or nullopt.
+    std::optional<double> Number(double lo, double hi);
+    std::optional<std::vector<int>> List() {
+        auto v = Value();
+        return v ? IntList(*v) : std::nullopt;
+    }
+
+private:
+    int argc_;
+    char** argv_;
+    int i_ = 0;
+};
+
+// The comp binary under test: *path as given, or "comp" in the build
+// directory above this executable. False after a message naming `prog` when
+// it is not executable.
+bool ResolveCompPath(const char* prog, std::string* path);
+
+// SIGINT, SIGTERM and SIGHUP call `handler` (without SA_RESTART); SIGPIPE is
+// ignored.
+void InstallStopHandler(void (*handler)(int));
+
 }  // namespace bench

@@ -48,16 +48,6 @@ int SourceSocket(const std::string& srcIp, int flags, std::string* why) {
     return -1;
 }
 
-bool RecvExact(int fd, char* out, size_t n) {
-    for (size_t got = 0; got < n;) {
-        ssize_t r = recv(fd, out + got, n - got, 0);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        got += static_cast<size_t>(r);
-    }
-    return true;
-}
-
 void SetTimeouts(int fd, int ioTimeoutMs) {
     timeval tv{ioTimeoutMs / 1000, (ioTimeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -73,15 +63,8 @@ std::string Trip(int fd, const std::string& request, std::vector<char>& answer) 
     return "";
 }
 
-struct Tally {
-    uint64_t exchanges = 0, failures = 0;
-    std::vector<uint32_t> latencyUs;
-    std::string firstError;
-    Clock::time_point lastEnd;
-};
-
 void RoundTrips(int fd, const std::string& request, Clock::time_point deadline, const volatile sig_atomic_t* stop,
-                Tally* t) {
+                ClientTally* t) {
     std::vector<char> answer(request.size());
     while (Clock::now() < deadline && !(stop && *stop)) {
         const Clock::time_point t0 = Clock::now();
@@ -121,7 +104,7 @@ LoadResult RunPersistentLoad(const std::vector<int>& fds, const std::string& req
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline =
         start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-    std::vector<Tally> tallies(fds.size());
+    std::vector<ClientTally> tallies(fds.size());
     std::vector<std::thread> threads;
     for (size_t i = 0; i < fds.size(); ++i) {
         SetTimeouts(fds[i], ioTimeoutMs);
@@ -129,17 +112,7 @@ LoadResult RunPersistentLoad(const std::vector<int>& fds, const std::string& req
         threads.emplace_back(RoundTrips, fds[i], std::cref(request), deadline, stop, &tallies[i]);
     }
     for (std::thread& t : threads) t.join();
-    LoadResult out;
-    Clock::time_point end = start;
-    for (const Tally& t : tallies) {
-        out.exchanges += t.exchanges;
-        out.failures += t.failures;
-        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
-        if (out.firstError.empty()) out.firstError = t.firstError;
-        end = std::max(end, t.lastEnd);
-    }
-    out.seconds = std::chrono::duration<double>(end - start).count();
-    return out;
+    return MergeTallies(tallies, start);
 }
 
 bool OneRoundTrip(int fd, const std::string& request, std::string* why, int ioTimeoutMs) {

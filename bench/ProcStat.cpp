@@ -91,6 +91,25 @@ std::optional<uint64_t> KernelSlabKiB() {
     return ParseStatusKiB(*text, "Slab:");
 }
 
+std::optional<SchedTimes> ParseSchedStat(std::string_view text) {
+    SchedTimes t;
+    const char* p = text.data();
+    const char* end = text.data() + text.size();
+    for (uint64_t* field : {&t.runNs, &t.waitNs}) {
+        while (p < end && *p == ' ') ++p;
+        auto [next, ec] = std::from_chars(p, end, *field);
+        if (ec != std::errc() || next == p) return std::nullopt;
+        p = next;
+    }
+    return t;
+}
+
+std::optional<SchedTimes> ProcessSchedTimes(pid_t pid) {
+    auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/schedstat");
+    if (!text) return std::nullopt;
+    return ParseSchedStat(*text);
+}
+
 void CpuMeter::start() {
     startMicros_ = ProcessCpuMicros(pid_).value_or(-1);
     startSwitches_ = ProcessCtxSwitches(pid_);

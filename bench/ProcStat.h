@@ -36,6 +36,15 @@ std::optional<uint64_t> ParseStatusKiB(std::string_view statusText, std::string_
 // its socket, file and epoll structures.
 std::optional<uint64_t> KernelSlabKiB();
 
+// Time a process spent running and waiting to run (on a run queue), in
+// nanoseconds, from /proc/<pid>/schedstat. Together they tell how much CPU
+// it wanted, whatever else competed for the cores.
+struct SchedTimes {
+    uint64_t runNs = 0, waitNs = 0;
+};
+std::optional<SchedTimes> ParseSchedStat(std::string_view text);
+std::optional<SchedTimes> ProcessSchedTimes(pid_t pid);
+
 // CPU of one process over a stretch of time.
 class CpuMeter {
 public:

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -345,6 +346,22 @@ int RunBaselineRole(const BaselineOptions& opt) {
         return 1;
     }
     return relay.Run();
+}
+
+int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline) {
+    if (argc < 2 || std::strcmp(argv[1], "--role") != 0) return -1;
+    const std::string role = argc >= 3 ? argv[2] : "";
+    if (role == "router" && argc == 4) return RunRouterRole(argv[3]);
+    if (role == "baseline" && argc == 6) {
+        BaselineOptions b;
+        b.runDir = argv[3];
+        b.route = std::atoi(argv[4]);
+        b.port = std::atoi(argv[5]);
+        b.persistent = persistentBaseline;
+        return RunBaselineRole(b);
+    }
+    std::fprintf(stderr, "usage: %s --role router RUNDIR | --role baseline RUNDIR ROUTE PORT\n", argv[0]);
+    return 2;
 }
 
 }  // namespace bench

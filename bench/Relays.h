@@ -28,6 +28,13 @@ struct BaselineOptions {
 };
 int RunBaselineRole(const BaselineOptions& opt);
 
+// The helper processes a benchmark starts from its own executable:
+//   PROG --role router RUNDIR
+//   PROG --role baseline RUNDIR ROUTE PORT
+// The exit status of the role named in argv, 2 (after a usage line) for a
+// role with the wrong arguments, -1 when argv names no role.
+int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline);
+
 // Body length announced by a header of decimal digits ("0012" -> 12); -1
 // when the header holds anything but digits.
 int DecimalHeaderLength(const char* header, int headerLen);

@@ -88,42 +88,29 @@ void Usage() {
 }
 
 bool ParseOptions(int argc, char** argv, Options* o) {
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&]() -> std::optional<std::string> {
-            if (i + 1 >= argc) return std::nullopt;
-            return std::string(argv[++i]);
-        };
-        auto number = [&](double lo, double hi) -> std::optional<double> {
-            auto v = value();
-            if (!v) return std::nullopt;
-            char* end = nullptr;
-            double d = std::strtod(v->c_str(), &end);
-            if (end == v->c_str() || *end != '\0' || d < lo || d > hi) return std::nullopt;
-            return d;
-        };
+    for (bench::OptionReader r(argc, argv); r.Next();) {
         std::optional<double> d;
         std::optional<std::string> s;
         std::optional<std::vector<int>> list;
-        if (a == "--comp" && (s = value())) o->compPath = *s;
-        else if (a == "--styles" && (s = value())) {
+        if (r.Is("--comp") && (s = r.Value())) o->compPath = *s;
+        else if (r.Is("--styles") && (s = r.Value())) {
             o->styles.clear();
-            for (const std::string& w : {std::string("fixed"), std::string("deadline")})
+            for (const char* w : {"fixed", "deadline"})
                 if (s->find(w) != std::string::npos) o->styles.push_back(w);
             if (o->styles.empty()) return false;
         }
-        else if (a == "--seconds" && (d = number(0.1, 600))) o->seconds = *d;
-        else if (a == "--rounds" && (d = number(1, 100))) o->rounds = static_cast<int>(*d);
-        else if (a == "--warmup" && (d = number(0, 60))) o->warmup = *d;
-        else if (a == "--clients" && (s = value()) && (list = bench::IntList(*s))) o->clients = *list;
-        else if (a == "--conns" && (d = number(1, 16000))) o->conns = static_cast<int>(*d);
-        else if (a == "--instances" && (d = number(1, 16))) o->instances = static_cast<int>(*d);
-        else if (a == "--period" && (d = number(0.1, 600))) o->period = *d;
-        else if (a == "--steady" && (d = number(1, 3600))) o->steady = *d;
-        else if (a == "--idle" && (d = number(0, 600))) o->idle = *d;
-        else if (a == "--no-rates") o->rates = false;
-        else if (a == "--no-scale") o->scale = false;
-        else if (a == "--keep") o->keep = true;
+        else if (r.Is("--seconds") && (d = r.Number(0.1, 600))) o->seconds = *d;
+        else if (r.Is("--rounds") && (d = r.Number(1, 100))) o->rounds = static_cast<int>(*d);
+        else if (r.Is("--warmup") && (d = r.Number(0, 60))) o->warmup = *d;
+        else if (r.Is("--clients") && (list = r.List())) o->clients = *list;
+        else if (r.Is("--conns") && (d = r.Number(1, 16000))) o->conns = static_cast<int>(*d);
+        else if (r.Is("--instances") && (d = r.Number(1, 16))) o->instances = static_cast<int>(*d);
+        else if (r.Is("--period") && (d = r.Number(0.1, 600))) o->period = *d;
+        else if (r.Is("--steady") && (d = r.Number(1, 3600))) o->steady = *d;
+        else if (r.Is("--idle") && (d = r.Number(0, 600))) o->idle = *d;
+        else if (r.Is("--no-rates")) o->rates = false;
+        else if (r.Is("--no-scale")) o->scale = false;
+        else if (r.Is("--keep")) o->keep = true;
         else return false;
     }
     return true;
@@ -248,21 +235,34 @@ private:
     std::unique_ptr<bench::AcceptDriver> driver_;
 };
 
-// CPU of several processes, in microseconds since the start.
+// CPU of several processes since the start: what they used, and what they
+// wanted (used, plus the time they waited runnable for a core).
 class CpuMeters {
 public:
-    explicit CpuMeters(const std::vector<pid_t>& pids) {
+    explicit CpuMeters(const std::vector<pid_t>& pids) : pids_(pids) {
         for (pid_t p : pids) meters_.emplace_back(p);
         for (bench::CpuMeter& m : meters_) m.start();
+        wanted0_ = WantedNs();
     }
     double micros() const {
         double sum = 0;
         for (const bench::CpuMeter& m : meters_) sum += std::max(0.0, m.elapsedMicros());
         return sum;
     }
+    double wantedMicros() const { return static_cast<double>(WantedNs() - wanted0_) / 1000.0; }
 
 private:
+    uint64_t WantedNs() const {
+        uint64_t sum = 0;
+        for (pid_t p : pids_) {
+            bench::SchedTimes t = bench::ProcessSchedTimes(p).value_or(bench::SchedTimes{});
+            sum += t.runNs + t.waitNs;
+        }
+        return sum;
+    }
+    std::vector<pid_t> pids_;
     std::vector<bench::CpuMeter> meters_;
+    uint64_t wanted0_ = 0;
 };
 
 uint64_t RssKiB(const std::vector<pid_t>& pids) {
@@ -387,6 +387,7 @@ struct ScaleReport {
     double acceptSec = 0;
     double rssPerConnB = 0, kernelPerConnB = 0, rssBaseMiB = 0;
     double idleCpuPct = 0, loadCpuPct = 0, routerCpuPct = 0;
+    double idleWantPct = 0, loadWantPct = 0;
     bench::ScaleResult load;
     double p50 = 0, p99 = 0, max = 0;
 };
@@ -421,13 +422,16 @@ bool RunScale(const Options& opt, PasRoute& pas, const BenchPlatform& plat, int 
         CpuMeters idle(pas.pids());
         const int64_t i0 = kit::NowMs();
         while (!g_stop && kit::NowMs() - i0 < static_cast<int64_t>(opt.idle * 1000)) kit::SleepMs(50);
-        rep->idleCpuPct = 100.0 * idle.micros() / (static_cast<double>(kit::NowMs() - i0) * 1000.0);
+        const double wallUs = static_cast<double>(kit::NowMs() - i0) * 1000.0;
+        rep->idleCpuPct = 100.0 * idle.micros() / wallUs;
+        rep->idleWantPct = 100.0 * idle.wantedMicros() / wallUs;
     }
     CpuMeters load(pas.pids()), routerCpu({router});
     const int64_t l0 = kit::NowMs();
     rep->load = clients.Exchange(static_cast<int>(opt.period * 1000), opt.steady, kDrainMs, &g_stop);
     const double wallUs = static_cast<double>(kit::NowMs() - l0) * 1000.0;
     rep->loadCpuPct = 100.0 * load.micros() / wallUs;
+    rep->loadWantPct = 100.0 * load.wantedMicros() / wallUs;
     rep->routerCpuPct = 100.0 * routerCpu.micros() / wallUs;
     rep->p50 = bench::Quantile(rep->load.rttUs, 0.50);
     rep->p99 = bench::Quantile(rep->load.rttUs, 0.99);
@@ -443,14 +447,17 @@ void PrintScale(const std::vector<ScaleReport>& reps, const Options& opt, int in
     std::printf("\n%d clients from distinct loopback addresses on %d PAS instances, one message each every %.0f s "
                 "for %.0f s\n",
                 opt.conns, instances, opt.period, opt.steady);
-    std::printf("%-9s %9s %12s %11s %11s %10s %10s %9s %9s %9s %8s %8s\n", "wait", "accepts/s", "RSS/conn B",
-                "slab/conn B", "idle CPU", "load CPU", "router", "p50 us", "p99 us", "max us", "sent", "lost");
+    std::printf("%-9s %9s %10s %11s %15s %15s %7s %9s %9s %9s %7s %5s\n", "wait", "accepts/s", "RSS/conn B",
+                "slab/conn B", "idle CPU(want)", "load CPU(want)", "router", "p50 us", "p99 us", "max us", "sent",
+                "lost");
     for (const ScaleReport& r : reps) {
         const uint64_t lost = r.load.sent - std::min(r.load.sent, r.load.answered);
-        std::printf("%-9s %9.0f %12.0f %11.0f %10.1f%% %9.1f%% %9.1f%% %9.0f %9.0f %9.0f %8llu %8llu\n",
-                    r.style.c_str(), r.registered / r.acceptSec, r.rssPerConnB, r.kernelPerConnB, r.idleCpuPct,
-                    r.loadCpuPct, r.routerCpuPct, r.p50, r.p99, r.max, static_cast<unsigned long long>(r.load.sent),
-                    static_cast<unsigned long long>(lost));
+        char idle[32], load[32];
+        std::snprintf(idle, sizeof idle, "%.1f%% (%.0f%%)", r.idleCpuPct, r.idleWantPct);
+        std::snprintf(load, sizeof load, "%.1f%% (%.0f%%)", r.loadCpuPct, r.loadWantPct);
+        std::printf("%-9s %9.0f %10.0f %11.0f %15s %15s %6.1f%% %9.0f %9.0f %9.0f %7llu %5llu\n", r.style.c_str(),
+                    r.registered / r.acceptSec, r.rssPerConnB, r.kernelPerConnB, idle, load, r.routerCpuPct, r.p50,
+                    r.p99, r.max, static_cast<unsigned long long>(r.load.sent), static_cast<unsigned long long>(lost));
         if (r.load.late + r.load.wrong + r.load.closed + r.load.sendFailures > 0)
             std::printf("          late %llu, wrong %llu, closed by the server %llu, send failures %llu\n",
                         static_cast<unsigned long long>(r.load.late), static_cast<unsigned long long>(r.load.wrong),
@@ -459,11 +466,13 @@ void PrintScale(const std::vector<ScaleReport>& reps, const Options& opt, int in
     }
     std::printf("RSS/conn: growth of the instances' resident memory per connection; slab/conn: growth of the "
                 "kernel's slab per connection, both ends on this host.\n"
-                "CPU in percent of one core, summed over the instances; idle: connections held, no traffic.\n");
+                "CPU in percent of one core, summed over the instances (want: also the time they waited for a core, "
+                "from /proc/<pid>/schedstat); idle: connections held, no traffic.\n");
     for (const ScaleReport& r : reps)
-        if (r.idleCpuPct > 100.0 || r.loadCpuPct > 100.0)
-            std::printf("The %s wait costs more than a core: %.0f%% idle, %.0f%% under the load.\n", r.style.c_str(),
-                        r.idleCpuPct, r.loadCpuPct);
+        if (r.idleWantPct > 100.0 || r.loadWantPct > 100.0)
+            std::printf("The %s wait wants more than a core: %.0f%% idle, %.0f%% under the load (it got %.0f%% and "
+                        "%.0f%%).\n",
+                        r.style.c_str(), r.idleWantPct, r.loadWantPct, r.idleCpuPct, r.loadCpuPct);
 }
 
 // ---------------------------------------------------------------------------
@@ -620,39 +629,14 @@ int RunBench(const Options& opt) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 4 && std::strcmp(argv[1], "--role") == 0) {
-        const std::string role = argv[2];
-        if (role == "router" && argc == 4) return bench::RunRouterRole(argv[3]);
-        if (role == "baseline" && argc == 6) {
-            bench::BaselineOptions b;
-            b.runDir = argv[3];
-            b.route = std::atoi(argv[4]);
-            b.port = std::atoi(argv[5]);
-            b.persistent = true;
-            return bench::RunBaselineRole(b);
-        }
-        Usage();
-        return 2;
-    }
+    if (int rc = bench::RunRoleFromArgs(argc, argv, true); rc >= 0) return rc;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     Options opt;
     if (!ParseOptions(argc, argv, &opt)) {
         Usage();
         return 2;
     }
-    if (opt.compPath.empty()) {
-        std::string self = kit::SelfExe();
-        opt.compPath = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(opt.compPath.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "bench_pas: %s is not an executable; build comp or pass --comp PATH\n",
-                     opt.compPath.c_str());
-        return 1;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = OnBenchStop;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    if (!bench::ResolveCompPath("bench_pas", &opt.compPath)) return 1;
+    bench::InstallStopHandler(OnBenchStop);
     return RunBench(opt);
 }

@@ -4,7 +4,9 @@
 # defaults) and bench_micro (the per-message routines) when it was built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
-# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
+# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
+# BENCH_PAS_ARGS to bench_pas (the multi-client server: round trips and ten
+# thousand connections, about 5 minutes with its defaults).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -25,4 +27,11 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
+pas="$build/bench/bench_pas"
+if [ -x "$pas" ]; then
+  echo
+  echo "== bench_pas: comp SysTCPPAS, round trips and ten thousand connections"
+  # shellcheck disable=SC2086
+  "$pas" --comp "$build/comp" ${BENCH_PAS_ARGS:-} || status=$?
+fi
 exit $status

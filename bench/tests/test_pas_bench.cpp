@@ -59,6 +59,12 @@ TEST(PasBenchParts, ReadsResidentAndSlabSizes) {
     EXPECT_FALSE(bench::ParseStatusKiB("xVmRSS: 5 kB\n", "VmRSS:"));
     EXPECT_GT(bench::ProcessRssKiB(getpid()).value_or(0), 0u);
     EXPECT_TRUE(bench::KernelSlabKiB());
+    auto t = bench::ParseSchedStat("2500000 700000 41\n");
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->runNs, 2500000u);
+    EXPECT_EQ(t->waitNs, 700000u);
+    EXPECT_FALSE(bench::ParseSchedStat("2500000\n"));
+    EXPECT_TRUE(bench::ProcessSchedTimes(getpid()));
 }
 
 // Echoes every 24-byte message on every connection, except the one numbered

@@ -93,6 +93,18 @@ protected:
         kill(Pid(k), SIGKILL);
         EXPECT_EQ(WaitComp(idx.at(k), 3000), -SIGKILL - 100);
     }
+    // Two instances on a clock ten times as fast: instance 0 holds 127.0.0.2
+    // and is stopped, and a newcomer from that address arrives at instance 1,
+    // which asks instance 0. False when libfaketime is missing.
+    bool AskStoppedOwner(comp::UniqueFd* held, comp::UniqueFd* newcomer) {
+        compEnv = FastClock(10);
+        if (compEnv.empty()) return false;
+        StartPas({{"IDLETIMEOUT", "3000"}}, 2);
+        *held = Connected("127.0.0.2", 0);
+        kill(Pid(0), SIGSTOP);
+        *newcomer = Arrive("127.0.0.2", 1);
+        return true;
+    }
     bool Serves(size_t k, const std::string& from) {
         comp::UniqueFd s = Connected(from, k);
         EXPECT_TRUE(Send(s.get(), Frame("ping")));
@@ -232,12 +244,8 @@ TEST_F(PasTest, one_connection_per_address_across_three_instances) {
 // While the asker waits for an owner that cannot answer, it serves nothing
 // else; after ten seconds of its clock it gives up and closes the newcomer.
 TEST_F(PasTest, busy_owner_leaves_the_newcomer_refused_and_its_late_answer_is_set_aside) {
-    compEnv = FastClock(10);
-    if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
-    StartPas({{"IDLETIMEOUT", "3000"}}, 2);
-    comp::UniqueFd held = Connected("127.0.0.2", 0);
-    kill(Pid(0), SIGSTOP);
-    comp::UniqueFd newcomer = Arrive("127.0.0.2", 1);
+    comp::UniqueFd held, newcomer;
+    if (!AskStoppedOwner(&held, &newcomer)) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
     EXPECT_TRUE(Closes(newcomer.get(), 5000));
     EXPECT_TRUE(Logged({"didn't recv msg over 10s"}));
     EXPECT_TRUE(Logged({"checkip err"}));
@@ -262,12 +270,8 @@ TEST_F(PasTest, busy_owner_leaves_the_newcomer_refused_and_its_late_answer_is_se
 }
 
 TEST_F(PasTest, owner_killed_while_asked_costs_the_newcomer_then_its_entry_is_dropped) {
-    compEnv = FastClock(10);
-    if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
-    StartPas({{"IDLETIMEOUT", "3000"}}, 2);
-    comp::UniqueFd held = Connected("127.0.0.2", 0);
-    kill(Pid(0), SIGSTOP);
-    comp::UniqueFd newcomer = Arrive("127.0.0.2", 1);
+    comp::UniqueFd held, newcomer;
+    if (!AskStoppedOwner(&held, &newcomer)) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
     ASSERT_TRUE(AwaitCount([&] { return CompTraceLog(idx[1]); }, "notify " + std::to_string(Pid(0)), 1));
     Kill(0);
     EXPECT_TRUE(Closes(newcomer.get(), 5000));
