@@ -137,6 +137,7 @@ TEST_F(PasTest, client_is_registered_announced_and_its_messages_flow_both_ways) 
     EXPECT_EQ(n.code(), "N003");
     EXPECT_EQ(n.ip(), "127.0.0.2");
     EXPECT_EQ(Owner("127.0.0.2"), -2) << "the close removed the registry entry";
+    EXPECT_TRUE(AwaitCount([&] { return ConnLog("127.0.0.2"); }, "END<<<", 1)) << "the closing banner comes last";
     const std::string log = ConnLog("127.0.0.2");
     for (const char* line : {"BEGIN>>>", "N001 to Tranp succ", "server rcv net,len[9]", "server write to queue,len 73",
                              "write to net.len=9", "N003 to tranp succ", "connection End ---", "END<<<"})
