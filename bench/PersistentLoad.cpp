@@ -249,9 +249,10 @@ ScaleResult ScaleClients::Exchange(int periodMs, double seconds, int drainMs, co
         for (int k = 0; k < got; ++k)
             if (clients_[events[k].data.u32].fd >= 0) Read(events[k].data.u32, r);
     };
-    while (!(stop && *stop) && n > 0) {
+    // Every message due before the end is sent, also when the loop wakes
+    // late: how many go out depends only on the schedule.
+    while (!(stop && *stop) && n > 0 && due() < end) {
         const int64_t now = NowUs();
-        if (now >= end) break;
         for (; due() <= now && due() < end; next == n - 1 ? (next = 0, ++round) : ++next) {
             Client& c = clients_[static_cast<size_t>(next)];
             if (c.fd < 0) continue;
@@ -265,7 +266,7 @@ ScaleResult ScaleClients::Exchange(int periodMs, double seconds, int drainMs, co
             c.waiting = true;
             c.sentUs = NowUs();
         }
-        poll(std::min(due(), end));
+        if (due() < end) poll(due());
     }
     r.seconds = static_cast<double>(NowUs() - t0) / 1e6;
     const int64_t drainEnd = NowUs() + static_cast<int64_t>(drainMs) * 1000;
