@@ -360,9 +360,6 @@ int AskOwner(Pas& p, int owner, const char* ip) {
     return rc;
 }
 
-// A process that no longer exists cannot answer: its entry is a leftover.
-bool ProcessGone(int pid) { return kill(pid, 0) != 0 && errno == ESRCH; }
-
 void PasFromTranp(Pas& p, int fd, unsigned) {
     QueueMsg& m = p.buf;
     int len = SysReadPlatMsg(fd, &m);
@@ -612,11 +609,6 @@ int SysCheckIP(char* pcRouteId, char* pcIp, int iMaxFd) {
             SysDelConnection(p.routeNo, pcIp, node.iPort, 1);
         }
         return 1;
-    }
-    if (ProcessGone(owner)) {
-        COMP_ERRLOG("[%s,%d]owner pid %d of [%s] has ended,its entry is removed", SRC_NAME, __LINE__, owner, pcIp);
-        SysDelConnection(p.routeNo, pcIp, node.iPort, 1);
-        return 0;
     }
     return AskOwner(p, owner, pcIp);
 }
