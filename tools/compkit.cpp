@@ -7,6 +7,8 @@
 //   compkit run RUNDIR          the supervisor: router, instances, shared listeners
 //   compkit send IP:PORT ...    send framed messages and print the answers
 //   compkit echo-server IP:PORT ...   answer every framed message with itself
+//   compkit poll-server IP:PORT ...   the server that polls a PCSYN route
+//   compkit poll-client IP:PORT ...   a client that answers the polls of a PASSYN route
 #include <unistd.h>
 
 #include <cstdio>
@@ -19,6 +21,7 @@
 #include "kit/NetTools.h"
 #include "kit/Router.h"
 #include "kit/Supervisor.h"
+#include "kit/SynPeers.h"
 
 namespace {
 
@@ -27,7 +30,9 @@ void Usage() {
                  "usage: compkit up|down|status|tranp|run RUNDIR\n"
                  "       compkit send IP:PORT [--frame H,O,W,T[,I[,A]] | --rundir DIR --route ID] [--header TEXT]\n"
                  "                    [--count N] [--reconnect] [--timeout S] [--no-answer] TEXT...\n"
-                 "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n");
+                 "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
+                 "       compkit poll-server|poll-client IP:PORT [--interval MS] [--count N] [--timeout S]\n"
+                 "                    [--data TEXT]...\n");
 }
 
 // RUNDIR as an absolute path: the product's FIFO and log paths are formed
@@ -71,6 +76,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(argv + 2, argv + argc);
     if (cmd == "send") return kit::RunSend(rest);
     if (cmd == "echo-server") return kit::RunEchoServer(rest);
+    if (cmd == "poll-server") return kit::RunPollServer(rest);
+    if (cmd == "poll-client") return kit::RunPollClient(rest);
     if (argc != 3) {
         Usage();
         return 2;
