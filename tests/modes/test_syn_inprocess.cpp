@@ -1,0 +1,236 @@
+// The polled synchronous modes run in-process on a driven clock, in both wait
+// styles: PASSYN's push to the microsecond (elapsed strictly above the wait
+// limit), a clock that steps back or forward under it, and PCSYN's start-up
+// wait and connect pauses taken on the loop's clock.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "ModeHarness.h"
+#include "base/FdUtil.h"
+#include "modes/SysModes.h"
+
+namespace {
+
+constexpr int64_t kSec = 1'000'000;
+
+std::string Syn(int cmd, int serial) {
+    return std::string{static_cast<char>(0xEB), static_cast<char>(cmd), static_cast<char>(serial), 0, 0, 3};
+}
+
+int ListenLoopback(int* port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(*port));
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
+        close(fd);
+        return -1;
+    }
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    *port = ntohs(a.sin_port);
+    return fd;
+}
+
+comp::UniqueFd Dial(int port) {
+    comp::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    return fd;
+}
+
+bool Readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
+std::string Take(int fd) {
+    char b[256];
+    ssize_t n = recv(fd, b, sizeof b, MSG_DONTWAIT);
+    return n > 0 ? std::string(b, static_cast<size_t>(n)) : "";
+}
+
+std::vector<std::string> SynRoute(const std::string& id, const std::string& limit) {
+    std::vector<std::string> r(comp::kRouteFields);
+    r[RT_ROUTEID] = id;
+    r[RT_ROUTEMONID] = "1";
+    r[RT_ROUTENAME] = "route" + id;
+    r[RT_MSGSNDTYPE] = id == "50" ? "1" : "0";
+    r[RT_IDLETIMEOUT] = "3000";
+    r[RT_BEATINTERVAL] = limit;
+    r[RT_BEATSWITCH] = "1";
+    r[RT_RECONNINTERVAL] = "5";
+    r[RT_HEADERLEN] = "5";
+    r[RT_MSGLENGETOFFSET] = "3";
+    r[RT_MSGLENGETLEN] = "2";
+    r[RT_MSGLENGETTYPE] = "2";
+    r[RT_MSGLENINTEL] = "0";
+    r[RT_MSGLENADJUST] = "1";
+    return r;
+}
+
+RouteRecord Record(const std::vector<std::string>& row) {
+    RouteRecord r{};
+    for (size_t i = 0; i < row.size(); ++i) std::snprintf(r.caField[i], sizeof r.caField[i], "%s", row[i].c_str());
+    return r;
+}
+
+class SynInProcess : public comptest::UnitTest, public ::testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override {
+        UnitTest::SetUp();
+        deadline = GetParam();
+    }
+    void TearDown() override {
+        runner.Stop();
+        const int q = msgget(static_cast<key_t>(getpid() + 0x8000), 0);
+        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
+        plat.Down();
+        UnitTest::TearDown();
+    }
+    void Up(const std::vector<std::string>& row) {
+        std::string why;
+        ASSERT_TRUE(plat.Up({{"MAX_COM_NUM", "64"}, {"OFFLINEMODE", "N"}}, {row},
+                            deadline ? "COMP_WAIT DEADLINE\n" : "", &why))
+            << why;
+    }
+    // PASSYN on a listener of the test's, standing before its first pass.
+    void StartPassyn(const std::string& limit) {
+        const std::vector<std::string> row = SynRoute("51", limit);
+        Up(row);
+        listenFd = ListenLoopback(&port);
+        ASSERT_GE(listenFd, 0);
+        const RouteRecord rec = Record(row);
+        const int lfd = listenFd;
+        ASSERT_TRUE(runner.Start([rec, lfd] { return SysTCPPASSYN(const_cast<char*>("51"), rec, 1, lfd); }))
+            << Logs();
+    }
+    // A client accepted on command, with its first poll read; the time it
+    // was sent.
+    comp::UniqueFd Client(int64_t* sent) {
+        comp::UniqueFd c = Dial(port);
+        const int ctl = open(run.file("fifo/3_" + std::to_string(getpid()) + "_1").c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(write(ctl, "0", 1), 1);
+        close(ctl);
+        EXPECT_TRUE(runner.RunUntil([&] { return Readable(c.get()); }, 100)) << Logs();
+        *sent = runner.loop().NowUsec();
+        EXPECT_EQ(Take(c.get()), Syn(1, 0));
+        return c;
+    }
+    // The client answers; the mode reads it in the next pass.
+    void Answer(int fd, int serial) {
+        ASSERT_EQ(send(fd, Syn(2, serial).data(), 6, 0), 6);
+        runner.Passes(1);
+    }
+    // Runs until comp sends the client something; when it did.
+    int64_t PushedAt(int fd, int maxPasses = 200000) {
+        EXPECT_TRUE(runner.RunUntil([&] { return Readable(fd); }, maxPasses)) << Logs();
+        return runner.loop().NowUsec();
+    }
+    int Count(const std::string& text) const {
+        const std::string all = Logs();
+        int n = 0;
+        for (size_t p = all.find(text); p != std::string::npos; p = all.find(text, p + 1)) ++n;
+        return n;
+    }
+
+    // The push goes out on the first pass whose clock lies strictly more
+    // than the wait limit after the last frame sent: the fixed style's passes
+    // are 10 us apart, so the pass exactly at the limit does not push and the
+    // next does; the deadline style wakes at the limit plus one microsecond.
+    void ExpectPushAfter(const char* limit, int64_t usec) {
+        StartPassyn(limit);
+        int64_t sent = 0;
+        comp::UniqueFd c = Client(&sent);
+        Answer(c.get(), 0);
+        // Onto the 10-us grid of the fixed style, 100 us before the limit.
+        runner.clk.Advance(sent + usec - 100 - runner.clk.NowUsec());
+        const int64_t pushed = PushedAt(c.get());
+        EXPECT_EQ(pushed - sent, usec + (deadline ? 1 : 10));
+        EXPECT_EQ(Take(c.get()), Syn(1, 1)) << "a poll: no task waits";
+    }
+
+    bool deadline = false;
+    comptest::InProcessPlatform plat{run, keys};
+    comptest::ModeRunner runner;
+    int listenFd = -1, port = 0;
+};
+
+TEST_P(SynInProcess, passyn_limit_0_pushes_after_more_than_half_a_second) { ExpectPushAfter("0", 500'000); }
+
+TEST_P(SynInProcess, passyn_limit_in_seconds_pushes_after_more_than_that) { ExpectPushAfter("2", 2'000'000); }
+
+// A clock stepped back leaves the last send in the future: the send time is
+// pulled back to the clock, seconds first, then microseconds, each step
+// logged, and the wait limit counts from there - not from the old time.
+TEST_P(SynInProcess, passyn_pulls_the_send_time_back_when_the_clock_goes_back) {
+    StartPassyn("0");
+    runner.clk.Advance(800'000);   // sent at .8 s: after a step of 10.5 s back, the microseconds are ahead too
+    int64_t sent = 0;
+    comp::UniqueFd c = Client(&sent);
+    Answer(c.get(), 0);
+    runner.clk.Advance(-10'500'000);
+    const int64_t back = runner.clk.NowUsec();
+    const int64_t pushed = PushedAt(c.get());
+    EXPECT_EQ(Count("|| "), 2) << Logs();
+    const std::string sec = std::to_string(sent / kSec), now = std::to_string(back / kSec);
+    EXPECT_TRUE(Logged("]" + sec + ">" + now + " || " + sec + "== " + now)) << Logs();
+    EXPECT_GE(pushed - back, 500'000);
+    EXPECT_LE(pushed - back, 500'050) << "half a second after the step";
+    EXPECT_EQ(Take(c.get()), Syn(1, 1));
+}
+
+// A clock stepped forward past the limit pushes on the next pass.
+TEST_P(SynInProcess, passyn_pushes_at_once_when_the_clock_jumps_past_the_limit) {
+    StartPassyn("30");
+    int64_t sent = 0;
+    comp::UniqueFd c = Client(&sent);
+    Answer(c.get(), 0);
+    runner.Passes(3);
+    EXPECT_FALSE(Readable(c.get()));
+    runner.clk.Advance(60 * kSec);
+    const int64_t jumped = runner.clk.NowUsec();
+    EXPECT_LE(PushedAt(c.get(), 3) - jumped, 10);
+    EXPECT_EQ(Take(c.get()), Syn(1, 1));
+}
+
+// PCSYN waits 25 seconds before anything else and pauses 5 seconds between
+// first-connect attempts; both are taken on the loop's clock.
+TEST_P(SynInProcess, pcsyn_start_up_wait_and_connect_pauses_run_on_the_loops_clock) {
+    int serverPort = 0;
+    const int probe = ListenLoopback(&serverPort);
+    close(probe);   // nobody listens there until the third attempt has failed
+    std::vector<std::string> row = SynRoute("50", "60");
+    row[RT_IPPORT] = "127.0.0.1:" + std::to_string(serverPort);
+    Up(row);
+    const RouteRecord rec = Record(row);
+    const int64_t t0 = runner.clk.NowUsec();
+    runner.StartAsync([rec] { return SysTCPPCSYN(const_cast<char*>("50"), rec, 1, 0); });
+    for (int i = 0; i < 2000 && Count("SysConnectIni]iSockConnect error") < 3; ++i) usleep(1000);
+    int lsn = ListenLoopback(&serverPort);
+    ASSERT_GE(lsn, 0) << "the port was taken meanwhile";
+    ASSERT_TRUE(runner.WaitParked()) << Logs();
+    const int failures = Count("SysConnectIni]iSockConnect error");
+    EXPECT_GE(failures, 3);
+    EXPECT_EQ(runner.clk.NowUsec() - t0, 25 * kSec + failures * 5 * kSec);
+    comp::UniqueFd link(accept(lsn, nullptr, nullptr));
+    EXPECT_TRUE(link.valid());
+    close(lsn);
+}
+
+INSTANTIATE_TEST_SUITE_P(WaitStyles, SynInProcess, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "deadline" : "fixed"; });
+
+}  // namespace
