@@ -256,6 +256,31 @@ TEST_F(PassynTest, a_client_that_stops_polling_is_closed_after_the_idle_timeout)
     EXPECT_NE(ConnLog().find("time out and close"), std::string::npos) << ConnLog();
 }
 
+// comp's clock stepped back under a client that waits for its push: the
+// send time is pulled back to the clock and the wait limit counts from
+// there; stepped forward past the limit, the push goes at once.
+TEST_F(PassynTest, clock_stepped_back_or_forward_under_a_waiting_client) {
+    const std::string spec = run.file("faketime.spec");
+    run.write("faketime.spec", "+0\n");
+    compEnv = SteppedClock(spec);
+    if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
+    Start({{"BEATINTERVAL", "2"}});
+    comp::UniqueFd s = Client();
+    ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 0)));
+    run.write("faketime.spec", "-30\n");
+    int64_t t = kit::NowMs();
+    EXPECT_EQ(Frame(s.get(), 8000), SynBytes(1, 1)) << AllLogs();
+    EXPECT_LT(kit::NowMs() - t, 4000) << "two seconds after the step, not thirty-two";
+    EXPECT_TRUE(Logged({" || "})) << AllLogs();
+
+    ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 1)));
+    kit::SleepMs(200);
+    run.write("faketime.spec", "+30\n");
+    t = kit::NowMs();
+    EXPECT_EQ(Frame(s.get(), 3000), SynBytes(1, 2));
+    EXPECT_LT(kit::NowMs() - t, 1500) << "pushed on the pass after the jump";
+}
+
 // A full task queue is waited out: the task goes in once there is room.
 TEST_F(PassynTest, full_task_queue_holds_the_task_until_there_is_room) {
     Start({{"BEATSWITCH", "0"}});

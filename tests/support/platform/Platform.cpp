@@ -203,14 +203,26 @@ int PlatformTest::QueueId(int index) const {
     return it == queueKeys_.end() ? -1 : msgget(it->second, 0);
 }
 
-std::vector<std::string> PlatformTest::FastClock(int speed) {
+namespace {
+const char* FaketimeLibrary() {
     for (const char* lib : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/aarch64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/faketime/libfaketime.so.1"})
-        if (access(lib, R_OK) == 0)
-            return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed),
-                    "FAKETIME_DONT_RESET=1"};
-    return {};
+        if (access(lib, R_OK) == 0) return lib;
+    return nullptr;
+}
+}  // namespace
+
+std::vector<std::string> PlatformTest::FastClock(int speed) {
+    const char* lib = FaketimeLibrary();
+    if (lib == nullptr) return {};
+    return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1"};
+}
+
+std::vector<std::string> PlatformTest::SteppedClock(const std::string& specFile) {
+    const char* lib = FaketimeLibrary();
+    if (lib == nullptr) return {};
+    return {std::string("LD_PRELOAD=") + lib, "FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1"};
 }
 
 size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,
