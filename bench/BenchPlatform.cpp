@@ -90,9 +90,9 @@ std::string KitCfgText(const BenchRoutes& r) {
            " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
 }
 
-std::string AppCfgText(int logLevel) {
+std::string AppCfgText(int logLevel, const std::string& extraLines = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + extraLines + "[]\n";
 }
 
 }  // namespace
@@ -122,8 +122,8 @@ BenchPlatform::~BenchPlatform() { Destroy(); }
 
 bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
-           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_) + extraRows_, why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_) + extraKit_, why) &&
            WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
 }
 
@@ -194,6 +194,10 @@ void BenchPlatform::Destroy() {
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
     return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+}
+
+bool BenchPlatform::SetAppVars(int logLevel, const std::string& extraLines, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extraLines), why);
 }
 
 void BenchPlatform::TrimLogs() const {

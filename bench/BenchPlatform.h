@@ -38,6 +38,18 @@ public:
 
     // Rewrites app.cfg; a comp started afterwards reads the new level.
     bool SetLogLevel(int logLevel, std::string* why);
+    // The same with further [APPVARS] lines, e.g. "COMP_WAIT DEADLINE\n".
+    bool SetAppVars(int logLevel, const std::string& extraLines, std::string* why);
+    // Routes a benchmark adds before Create(): rows for tables.cfg, in the
+    // column order of its route header (ROUTEID ROUTEMONID ROUTENAME
+    // MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET
+    // MSGLENGETTYPE MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET
+    // MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG BEATINTERVAL
+    // RECONNINTERVAL IPPORT), and compkit.cfg lines.
+    void AddRoutes(const std::string& tableRows, const std::string& kitLines) {
+        extraRows_ += tableRows;
+        extraKit_ += kitLines;
+    }
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;
@@ -51,6 +63,7 @@ private:
 
     std::string runDir_;
     BenchRoutes routes_;
+    std::string extraRows_, extraKit_;
     key_t keyBase_ = 0;
     bool up_ = false;
     bool keepDir_ = false;

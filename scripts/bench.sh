@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
 # server path against a minimal baseline relay, about 2.5 minutes with its
-# defaults) and bench_micro (the per-message routines) when it was built.
+# defaults), bench_syn (the polled synchronous modes against baseline peers)
+# and bench_micro (the per-message routines) when it was built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
@@ -25,4 +26,14 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
+
+# The polled synchronous modes (about 2 minutes: PCSYN waits 25 s at start,
+# once per wait style). BENCH_SYN_ARGS passes arguments to bench_syn.
+syn="$build/bench/bench_syn"
+if [ -x "$syn" ]; then
+  echo
+  echo "== bench_syn: comp SysTCPPCSYN and SysTCPPASSYN against baseline peers"
+  # shellcheck disable=SC2086
+  "$syn" --comp "$build/comp" ${BENCH_SYN_ARGS:-} || status=$?
+fi
 exit $status
