@@ -5,11 +5,13 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "ModeHarness.h"
 #include "base/FdUtil.h"
@@ -228,6 +230,80 @@ TEST_P(SynInProcess, pcsyn_start_up_wait_and_connect_pauses_run_on_the_loops_clo
     comp::UniqueFd link(accept(lsn, nullptr, nullptr));
     EXPECT_TRUE(link.valid());
     close(lsn);
+}
+
+// A client frame in two pieces a moment apart is read whole, wherever it is
+// cut.
+TEST_P(SynInProcess, passyn_reads_frames_cut_at_any_byte) {
+    StartPassyn("60");
+    int64_t sent = 0;
+    comp::UniqueFd c = Client(&sent);
+    int one = 1;
+    setsockopt(c.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    const std::string data = "cut";
+    for (size_t cut = 1, serial = 0; cut < 9; ++cut, ++serial) {
+        std::string f = Syn(4, static_cast<int>(serial));
+        f[4] = static_cast<char>(data.size());
+        f.insert(5, data);
+        std::thread writer([&] {
+            (void)!send(c.get(), f.data(), cut, MSG_NOSIGNAL);
+            usleep(200);
+            (void)!send(c.get(), f.data() + cut, f.size() - cut, MSG_NOSIGNAL);
+        });
+        EXPECT_TRUE(runner.RunUntil([&] { return Readable(c.get()); }, 1000000)) << "cut at " << cut;
+        writer.join();
+        EXPECT_EQ(Take(c.get()), Syn(1, static_cast<int>(serial + 1))) << "cut at " << cut;
+    }
+}
+
+// A request whose bytes come in two pieces a moment apart is read whole,
+// wherever it is cut; so is one sent a byte a write while the mode stands
+// still. One dribbled in a byte at a time costs the link: the reader waits a
+// millisecond for missing bytes at most three times per header or body.
+TEST_P(SynInProcess, pcsyn_reads_requests_in_pieces_and_drops_a_dribbling_server) {
+    int serverPort = 0;
+    const int lsn = ListenLoopback(&serverPort);
+    ASSERT_GE(lsn, 0);
+    std::vector<std::string> row = SynRoute("50", "60");
+    row[RT_IPPORT] = "127.0.0.1:" + std::to_string(serverPort);
+    Up(row);
+    const RouteRecord rec = Record(row);
+    ASSERT_TRUE(runner.Start([rec] { return SysTCPPCSYN(const_cast<char*>("50"), rec, 1, 0); })) << Logs();
+    comp::UniqueFd link(accept(lsn, nullptr, nullptr));
+    close(lsn);
+    ASSERT_TRUE(link.valid());
+    int one = 1;   // each piece goes at once, not when the last is acknowledged
+    setsockopt(link.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    // Sends can fail once the mode has dropped the link.
+    auto sendPieces = [&](const std::string& f, size_t piece, int pauseUs) {
+        for (size_t at = 0; at < f.size(); at += piece) {
+            (void)!send(link.get(), f.data() + at, std::min(piece, f.size() - at), MSG_NOSIGNAL);
+            if (pauseUs) usleep(static_cast<useconds_t>(pauseUs));
+        }
+    };
+    // The answer to a frame sent from a thread of its own while the mode reads.
+    auto ask = [&](const std::string& f, size_t cut, size_t piece, int pauseUs) {
+        std::thread writer([&] {
+            sendPieces(f.substr(0, cut), f.size(), 0);
+            usleep(200);
+            sendPieces(f.substr(cut), piece, pauseUs);
+        });
+        const bool answered = runner.RunUntil([&] { return Readable(link.get()); }, 1000000);
+        writer.join();
+        return answered ? Take(link.get()) : std::string();
+    };
+    int serial = 0;
+    for (size_t cut = 1; cut < 6; ++cut, ++serial)
+        EXPECT_EQ(ask(Syn(1, serial), cut, 6, 0), Syn(2, serial)) << "cut at " << cut;
+
+    sendPieces(Syn(1, serial), 1, 0);   // six segments, all in before the next pass
+    EXPECT_TRUE(runner.RunUntil([&] { return Readable(link.get()); }, 100));
+    EXPECT_EQ(Take(link.get()), Syn(2, serial));
+    ++serial;
+
+    EXPECT_EQ(ask(Syn(1, serial), 1, 1, 300), "") << "dropped, not answered";
+    EXPECT_TRUE(Logged("]iSockRecv,fd=")) << Logs();
+    EXPECT_TRUE(Logged("routeid[50] N003 to tranp"));
 }
 
 INSTANTIATE_TEST_SUITE_P(WaitStyles, SynInProcess, ::testing::Values(false, true),

@@ -95,6 +95,26 @@ bool SendText(int fd, const std::string& bytes) {
     return true;
 }
 
+// Reads exactly n bytes by the deadline.
+bool ReadExact(int fd, char* out, size_t n, int64_t deadline, std::string* why) {
+    for (size_t got = 0; got < n;) {
+        const int64_t left = deadline - NowMs();
+        pollfd p{fd, POLLIN, 0};
+        if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) {
+            *why = "nothing within the time-out";
+            return false;
+        }
+        const ssize_t r = recv(fd, out + got, n - got, 0);
+        if (r < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (r <= 0) {
+            *why = r == 0 ? "the peer closed the connection" : std::string(std::strerror(errno));
+            return false;
+        }
+        got += static_cast<size_t>(r);
+    }
+    return true;
+}
+
 // Sleeps up to ms, in slices, until stopped.
 void Pause(int ms) {
     for (int64_t end = NowMs() + ms; !g_synStop && NowMs() < end;) SleepMs(std::min<int64_t>(50, end - NowMs()));
@@ -117,7 +137,7 @@ bool PollOnce(int fd, PeerArgs& a, int serial) {
     Say("poll-server", "sent   " + DescribeSyn(ParseSyn({out.begin(), out.end()})));
     std::vector<char> msg;
     std::string why;
-    if (!ReadFramed(fd, SynFraming(), a.timeoutMs, &msg, &why)) {
+    if (!ReadSynFrame(fd, a.timeoutMs, &msg, &why)) {
         Say("poll-server", "no answer: " + why);
         return false;
     }
@@ -153,6 +173,25 @@ std::string SynBytes(int cmd, int serial, std::string_view data) {
     f.append(data);
     f.push_back(static_cast<char>(kEnd));
     return f;
+}
+
+bool ReadSynFrame(int fd, int timeoutMs, std::vector<char>* frame, std::string* why) {
+    const int64_t deadline = NowMs() + timeoutMs;
+    frame->assign(kSynHeaderLen, 0);
+    if (!ReadExact(fd, frame->data(), kSynHeaderLen, deadline, why)) return false;
+    const long body = SynFraming().bodyLength(frame->data());
+    if (body < 0) {
+        *why = "the frame's header announces an unusable length";
+        return false;
+    }
+    frame->resize(kSynHeaderLen + static_cast<size_t>(body));
+    return ReadExact(fd, frame->data() + kSynHeaderLen, static_cast<size_t>(body), deadline, why);
+}
+
+std::string ReadSyn(int fd, int timeoutMs) {
+    std::vector<char> f;
+    std::string why;
+    return ReadSynFrame(fd, timeoutMs, &f, &why) ? std::string(f.begin(), f.end()) : "";
 }
 
 SynView ParseSyn(const std::vector<char>& frame) {
@@ -247,7 +286,7 @@ int RunPollClient(const std::vector<std::string>& args) {
     while (!g_synStop && (a.count == 0 || done < a.count)) {
         std::vector<char> msg;
         // The route polls (or pushes a task) once its wait limit has passed.
-        if (!ReadFramed(fd.get(), SynFraming(), 3600 * 1000, &msg, &why)) {
+        if (!ReadSynFrame(fd.get(), 3600 * 1000, &msg, &why)) {
             if (!g_synStop) Say("poll-client", why);
             return g_synStop ? 0 : 1;
         }

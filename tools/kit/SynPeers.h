@@ -37,6 +37,12 @@ struct SynView {
 };
 SynView ParseSyn(const std::vector<char>& frame);
 
+// Reads exactly one frame within timeoutMs, never a byte of the next (a peer
+// may send two frames back to back); false with the reason.
+bool ReadSynFrame(int fd, int timeoutMs, std::vector<char>* frame, std::string* why);
+// The same as text, "" when none came.
+std::string ReadSyn(int fd, int timeoutMs);
+
 // One line for a frame: "poll 3", "no data 3", "data 3 \"...\"".
 std::string DescribeSyn(const SynView& f);
 
