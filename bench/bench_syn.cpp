@@ -38,11 +38,11 @@
 #include <vector>
 
 #include "BenchPlatform.h"
+#include "BenchProc.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
 #include "SynBaselines.h"
-#include "kit/KitProc.h"
 #include "kit/KitUtil.h"
 
 namespace {
@@ -53,7 +53,6 @@ volatile sig_atomic_t g_stop = 0;
 extern "C" void OnBenchStop(int) { g_stop = 1; }
 
 constexpr int kPcsynRoute = 50, kPassynRoute = 51, kPcsynBaseRoute = 52, kPassynBaseRoute = 53;
-constexpr int kStopGraceMs = 3000;
 constexpr int kConnectWaitMs = 45000;   // PCSYN's 25-second start-up wait and then some
 constexpr int kIoTimeoutMs = 3000;
 
@@ -104,57 +103,6 @@ bool ParseOptions(int argc, char** argv, Options* o) {
         else return false;
     }
     return true;
-}
-
-// ---------------------------------------------------------------------------
-// Processes, stopped by pid on every way out.
-// ---------------------------------------------------------------------------
-class Kids {
-public:
-    ~Kids() {
-        for (pid_t p : pids_) Stop(p);
-    }
-    pid_t Start(const std::vector<std::string>& argv, const std::string& out, int inheritFd = -1) {
-        kit::SpawnOptions plan;
-        plan.path = argv[0];
-        plan.argv = argv;
-        plan.outputPath = out;
-        plan.inheritFd = inheritFd;
-        std::string why;
-        const pid_t pid = kit::Spawn(plan, &why);
-        if (pid > 0) pids_.push_back(pid);
-        else std::fprintf(stderr, "bench_syn: %s: %s\n", argv[0].c_str(), why.c_str());
-        return pid;
-    }
-    // Its quit command first when it has a control FIFO, then the signals.
-    void Stop(pid_t pid, const std::string& controlFifo = "") {
-        auto it = std::find(pids_.begin(), pids_.end(), pid);
-        if (it == pids_.end()) return;
-        pids_.erase(it);
-        kill(pid, SIGCONT);
-        if (!controlFifo.empty()) {
-            const int fd = open(controlFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            int status = 0;
-            if (fd >= 0) {
-                const bool sent = write(fd, "x", 1) == 1;
-                close(fd);
-                if (sent && kit::WaitChild(pid, kStopGraceMs, &status)) return;
-            }
-        }
-        kit::StopChild(pid, kStopGraceMs);
-    }
-
-private:
-    std::vector<pid_t> pids_;
-};
-
-bool WaitFile(const std::string& path, int ms) {
-    struct stat st {};
-    for (const int64_t end = kit::NowMs() + ms; !g_stop; kit::SleepMs(10)) {
-        if (stat(path.c_str(), &st) == 0) return true;
-        if (kit::NowMs() >= end) return false;
-    }
-    return false;
 }
 
 int ListenLoopback(int port, bool inheritable) {
@@ -215,6 +163,13 @@ struct Run {
     uint64_t polls = 0, errors = 0;
 };
 
+// Rate, median latency and CPU per poll of a run of `secs` seconds.
+void Finish(Run* r, std::vector<uint32_t>& lat, double secs, const bench::CpuMeter& cpu) {
+    r->rate = secs > 0 ? static_cast<double>(r->polls) / secs : 0;
+    r->p50 = bench::Quantile(lat, 0.5);
+    r->cpuPerPoll = r->polls ? cpu.elapsedMicros() / static_cast<double>(r->polls) : 0;
+}
+
 // One link, polled as fast as it answers: poll, read the answer, next serial.
 Run PollLink(int fd, int* serial, double seconds, pid_t peer) {
     Run r;
@@ -237,10 +192,7 @@ Run PollLink(int fd, int* serial, double seconds, pid_t peer) {
         *serial = (*serial + 1) & 0xFF;
         ++r.polls;
     }
-    const double secs = std::chrono::duration<double>(SteadyClock::now() - t0).count();
-    r.rate = secs > 0 ? static_cast<double>(r.polls) / secs : 0;
-    r.p50 = bench::Quantile(lat, 0.5);
-    r.cpuPerPoll = r.polls ? cpu.elapsedMicros() / static_cast<double>(r.polls) : 0;
+    Finish(&r, lat, std::chrono::duration<double>(SteadyClock::now() - t0).count(), cpu);
     return r;
 }
 
@@ -305,10 +257,7 @@ Run PollClients(std::vector<Client>& cs, double seconds, pid_t peer) {
             if (ask(c)) ++out;
         }
     }
-    const double secs = std::min(std::chrono::duration<double>(SteadyClock::now() - t0).count(), seconds);
-    r.rate = secs > 0 ? static_cast<double>(r.polls) / secs : 0;
-    r.p50 = bench::Quantile(lat, 0.5);
-    r.cpuPerPoll = r.polls ? cpu.elapsedMicros() / static_cast<double>(r.polls) : 0;
+    Finish(&r, lat, std::min(std::chrono::duration<double>(SteadyClock::now() - t0).count(), seconds), cpu);
     return r;
 }
 
@@ -391,25 +340,33 @@ void PrintTable(const Options& o, const std::vector<Series>& all) {
 struct Bench {
     const Options& o;
     bench::BenchPlatform& plat;
-    Kids& kids;
+    bench::Children& kids;
     std::string self;
     int pcsynPort = 0, pcsynBasePort = 0, passynPort = 0, passynBasePort = 0;
 
     std::string Fifo(const std::string& name) const { return plat.runDir() + "/fifo/" + name; }
     std::string Out(const std::string& name) const { return plat.runDir() + "/log/" + name + ".out"; }
+    pid_t Start(const std::string& name, const std::vector<std::string>& argv, int inheritFd = -1) {
+        std::string why;
+        const pid_t pid = kids.Start(name, argv, Out(name), &why, inheritFd);
+        if (pid <= 0) std::fprintf(stderr, "bench_syn: %s: %s\n", name.c_str(), why.c_str());
+        return pid;
+    }
 
     // PASSYN: comp on an inherited listener, the clients accepted on command.
     bool Passyn(const std::string& style, Series* s) {
         kit::UniqueFd lsn(ListenLoopback(passynPort, true));
         if (!lsn.valid()) return false;
-        const pid_t comp = kids.Start({o.compPath, "SysTCPPASSYN", std::to_string(kPassynRoute), "1",
-                                       std::to_string(lsn.get()), "PASSYN51_" + style},
-                                      Out("passyn_" + style), lsn.get());
+        const pid_t comp = Start("passyn_" + style,
+                                 {o.compPath, "SysTCPPASSYN", std::to_string(kPassynRoute), "1",
+                                  std::to_string(lsn.get()), "PASSYN51_" + style},
+                                 lsn.get());
         const std::string ctl = Fifo("3_" + std::to_string(comp) + "_1");
-        const pid_t base = kids.Start({self, "--role", "passyn-baseline", plat.runDir(),
-                                       std::to_string(kPassynBaseRoute), std::to_string(passynBasePort)},
-                                      Out("passyn_baseline_" + style));
-        if (comp <= 0 || base <= 0 || !WaitFile(ctl, 10000)) return false;
+        const pid_t base = Start("passyn_baseline_" + style, {self, "--role", "passyn-baseline", plat.runDir(),
+                                                              std::to_string(kPassynBaseRoute),
+                                                              std::to_string(passynBasePort)});
+        std::string why;
+        if (comp <= 0 || base <= 0 || !bench::WaitReady(kids, comp, ctl, 10000, &g_stop, &why)) return false;
         std::vector<Client> onComp(static_cast<size_t>(o.clients)), onBase(onComp.size());
         bool ok = true;
         for (Client& c : onComp) {
@@ -439,12 +396,11 @@ struct Bench {
         kit::UniqueFd lsnComp(ListenLoopback(pcsynPort, false)), lsnBase(ListenLoopback(pcsynBasePort, false));
         if (!lsnComp.valid() || !lsnBase.valid()) return false;
         std::printf("  PCSYN  %-8s waiting for comp's 25-second start-up wait\n", style.c_str());
-        const pid_t comp = kids.Start({o.compPath, "SysTCPPCSYN", std::to_string(kPcsynRoute), "1", "0",
-                                       "PCSYN50_" + style},
-                                      Out("pcsyn_" + style));
-        const pid_t base = kids.Start({self, "--role", "pcsyn-baseline", plat.runDir(),
-                                       std::to_string(kPcsynBaseRoute), std::to_string(pcsynBasePort)},
-                                      Out("pcsyn_baseline_" + style));
+        const pid_t comp =
+            Start("pcsyn_" + style, {o.compPath, "SysTCPPCSYN", std::to_string(kPcsynRoute), "1", "0", "PCSYN50_" + style});
+        const pid_t base = Start("pcsyn_baseline_" + style, {self, "--role", "pcsyn-baseline", plat.runDir(),
+                                                             std::to_string(kPcsynBaseRoute),
+                                                             std::to_string(pcsynBasePort)});
         pollfd pc{lsnComp.get(), POLLIN, 0}, pb{lsnBase.get(), POLLIN, 0};
         const bool up = comp > 0 && base > 0 && poll(&pb, 1, 10000) == 1 && poll(&pc, 1, kConnectWaitMs) == 1;
         kit::UniqueFd linkComp(up ? accept4(lsnComp.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
@@ -477,7 +433,7 @@ std::string RouteRow(int route, const char* name, const char* sndType, const std
 int RunBench(const Options& o) {
     for (const std::string& l : kit::EnsureQueueLimits()) std::fprintf(stderr, "bench_syn: %s\n", l.c_str());
     bench::BenchPlatform plat;
-    Kids kids;   // stopped before the platform goes
+    bench::Children kids;   // stopped before the platform goes
     Bench b{o, plat, kids, kit::SelfExe()};
     b.pcsynPort = bench::FreeLoopbackPort();
     b.pcsynBasePort = bench::FreeLoopbackPort();
@@ -495,8 +451,7 @@ int RunBench(const Options& o) {
         return 1;
     }
     if (o.keep) plat.KeepDirectory();
-    const pid_t router =
-        b.kids.Start({b.self, "--role", "router", plat.runDir()}, plat.runDir() + "/log/router.out");
+    const pid_t router = b.Start("router", {b.self, "--role", "router", plat.runDir()});
     if (router <= 0) return 1;
     std::printf("bench_syn: comp %s\n  platform %s, LOG_LEVEL %d, %d rounds x %.1f s after %.1f s warm-up, the side "
                 "not measured frozen\n  PCSYN: one link polled as fast as it answers; PASSYN: %d clients, one data "
@@ -547,19 +502,7 @@ int main(int argc, char** argv) {
                      "                 [--styles fixed,deadline] [--level L] [--only pcsyn|passyn] [--keep]\n");
         return 2;
     }
-    if (o.compPath.empty()) {
-        const std::string self = kit::SelfExe();
-        o.compPath = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(o.compPath.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "bench_syn: %s is not an executable; build comp or pass --comp PATH\n",
-                     o.compPath.c_str());
-        return 1;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = OnBenchStop;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    if (!bench::ResolveCompPath("bench_syn", &o.compPath)) return 1;
+    bench::CatchStopSignals(OnBenchStop);
     return RunBench(o);
 }

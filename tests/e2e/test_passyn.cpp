@@ -9,7 +9,7 @@
 
 #include <filesystem>
 
-#include "ModeFixture.h"
+#include "SynModeTest.h"
 #include "ipc/SysConnReg.h"
 #include "kit/KitUtil.h"
 #include "kit/SynPeers.h"
@@ -22,17 +22,30 @@ using kit::SynBytes;
 constexpr int kRoute = 51;
 constexpr key_t kTaskKeyOffset = 0x8000;
 
-class PassynTest : public comptest::ModeTest {
+class PassynTest : public comptest::SynModeTest {
 protected:
+    // comp leaves through its quit path, which removes its task queue (the
+    // fixture's SIGTERM would leave the queue behind); a queue comp could not
+    // remove is removed here.
+    void TearDown() override {
+        if (pid > 0 && WaitComp(c, 0) == -1) {
+            Control('x');
+            WaitComp(c, 3000);
+        }
+        if (pid > 0) RemoveTaskQueue(pid);
+        SynModeTest::TearDown();
+    }
+    static void RemoveTaskQueue(pid_t owner) {
+        const int q = msgget(static_cast<key_t>(owner + kTaskKeyOffset), 0);
+        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
+    }
     void Start(comptest::RouteRow overrides = {}) {
         OpenSharedListener();
         comptest::RouteRow row = comptest::MakeRouteRow(kRoute, "-1", "0");
-        for (const auto& [k, v] : SynRoute()) row[k] = v;
+        for (const auto& [k, v] : SynColumns()) row[k] = v;
+        row["BEATINTERVAL"] = "30";   // no push unless a test waits for one
+        row["BEATSWITCH"] = "1";
         StartMode("SysTCPPASSYN", row, overrides, "Begin Working");
-    }
-    static comptest::RouteRow SynRoute() {
-        return {{"HEADERLEN", "5"},   {"MSGLENGETOFFSET", "3"}, {"MSGLENGETLEN", "2"}, {"MSGLENGETTYPE", "2"},
-                {"MSGLENINTEL", "0"}, {"MSGLENADJUST", "1"},    {"BEATINTERVAL", "0"}, {"BEATSWITCH", "1"}};
     }
     // A client from `from`, accepted on command, that has read its first
     // poll; TranP has heard of it.
@@ -46,19 +59,6 @@ protected:
         EXPECT_EQ(Frame(s.get()), SynBytes(1, 0)) << AllLogs();
         EXPECT_EQ(Next(), "N001 " + from);
         return s;
-    }
-    // The next frame from comp ("" when none came within ms).
-    static std::string Frame(int fd, int ms = 3000) { return kit::ReadSyn(fd, ms); }
-    // The next message to TranP: "N001 <ip>", "N003 <ip>", or the data body
-    // (its header in `header`); "" when none came.
-    std::string Next(int ms = 3000, std::string* header = nullptr) {
-        const int len = ReadToTranp(buf.get(), pid, ms);
-        if (len < comp::kPlatHdrLen) return "";
-        const char* body = buf->caText + comp::kPlatHdrLen;
-        if (At<uint16_t>(buf->caText, comp::plat::kKind) == comp::plat::kKindNotice)
-            return std::string(body, 4) + " " + std::string(body + 4, strnlen(body + 4, 16));
-        if (header) header->assign(buf->caText, comp::kPlatHdrLen);
-        return std::string(body, static_cast<size_t>(len - comp::kPlatHdrLen));
     }
     // TranP's message for a client, by descriptor (0: by address).
     void Task(int fd, const std::string& ip, const std::string& frame) {
@@ -117,7 +117,7 @@ TEST_F(PassynTest, first_poll_then_data_frames_are_answered_and_go_on_to_tranp) 
 // than the wait limit (0: half a second), pushed; without a task the push
 // is a poll. At most one frame of comp waits for the client at a time.
 TEST_F(PassynTest, tasks_go_out_as_answers_or_pushes_after_the_wait_limit) {
-    Start();
+    Start({{"BEATINTERVAL", "0"}});
     const int64_t start = kit::NowMs();
     comp::UniqueFd s = Client();
     ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 0)));
@@ -332,6 +332,8 @@ TEST_F(PassynTest, lost_parent_ends_the_process_and_removes_the_task_queue) {
     for (int i = 0; i < 100 && kit::ParentOf(orphan) != 1; ++i) kit::SleepMs(10);
     if (kit::ParentOf(orphan) != 1) {
         kill(orphan, SIGKILL);
+        for (int i = 0; i < 250 && kit::ProcessAlive(orphan); ++i) kit::SleepMs(20);
+        RemoveTaskQueue(orphan);
         GTEST_SKIP() << "orphans here go to a sub-reaper, not to process 1";
     }
     EXPECT_TRUE(AwaitCount([&] { return AllLogs(); }, "]Parent exit.errno=", 1, 5000)) << AllLogs();

@@ -8,7 +8,7 @@
 
 #include <filesystem>
 
-#include "ModeFixture.h"
+#include "SynModeTest.h"
 #include "kit/KitUtil.h"
 #include "kit/SynPeers.h"
 
@@ -21,7 +21,7 @@ constexpr int kRoute = 50;
 constexpr int kSpeed = 50;
 constexpr int kFakeSecondMs = 1000 / kSpeed;
 
-class PcsynTest : public comptest::ModeTest {
+class PcsynTest : public comptest::SynModeTest {
 protected:
     void SetUp() override {
         ModeTest::SetUp();
@@ -36,10 +36,9 @@ protected:
         else
             serverPort = comptest::FreeLoopbackPort();
         comptest::RouteRow row = comptest::MakeRouteRow(kRoute, "127.0.0.1:" + std::to_string(serverPort), "1");
-        const comptest::RouteRow syn{{"HEADERLEN", "5"},      {"MSGLENGETOFFSET", "3"}, {"MSGLENGETLEN", "2"},
-                                     {"MSGLENGETTYPE", "2"},  {"MSGLENINTEL", "0"},     {"MSGLENADJUST", "1"},
-                                     {"IDLETIMEOUT", "3000"}, {"RECONNINTERVAL", "5"}};
-        for (const auto& [k, v] : syn) row[k] = v;
+        for (const auto& [k, v] : SynColumns()) row[k] = v;
+        row["IDLETIMEOUT"] = "3000";
+        row["RECONNINTERVAL"] = "5";
         StartMode("SysTCPPCSYN", row, overrides, "Begin Working");
     }
     // comp's connection, once it has made it; TranP has heard of it.
@@ -51,21 +50,10 @@ protected:
         EXPECT_EQ(Next(), "N001 127.0.0.1");
         return s;
     }
-    static std::string Frame(int fd, int ms = 3000) { return kit::ReadSyn(fd, ms); }
     // Sends one request and returns comp's answer ("" when none came).
     static std::string Ask(int fd, int cmd, int serial, const std::string& data = "", int ms = 3000) {
         if (!comptest::Send(fd, SynBytes(cmd, serial, data))) return "";
         return Frame(fd, ms);
-    }
-    // The next message to TranP: "N001 <ip>", "N003 <ip>" or a data body.
-    std::string Next(int ms = 3000, std::string* header = nullptr) {
-        const int len = ReadToTranp(buf.get(), pid, ms);
-        if (len < comp::kPlatHdrLen) return "";
-        const char* body = buf->caText + comp::kPlatHdrLen;
-        if (At<uint16_t>(buf->caText, comp::plat::kKind) == comp::plat::kKindNotice)
-            return std::string(body, 4) + " " + std::string(body + 4, strnlen(body + 4, 16));
-        if (header) header->assign(buf->caText, comp::kPlatHdrLen);
-        return std::string(body, static_cast<size_t>(len - comp::kPlatHdrLen));
     }
     // TranP queues a frame for the route and rings its FIFO.
     void Queue(const std::string& frame) {

@@ -6,13 +6,20 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <dirent.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
+#include "Loopback.h"
 #include "ModeHarness.h"
 #include "base/FdUtil.h"
 #include "modes/SysModes.h"
@@ -25,32 +32,47 @@ std::string Syn(int cmd, int serial) {
     return std::string{static_cast<char>(0xEB), static_cast<char>(cmd), static_cast<char>(serial), 0, 0, 3};
 }
 
-int ListenLoopback(int* port) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(*port));
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
-        close(fd);
-        return -1;
+// The mode's end of a loopback connection whose other end is fd (both ends
+// live in this process), or -1.
+int ModeEndOf(int fd) {
+    sockaddr_in mine{}, peer{};
+    socklen_t len = sizeof mine;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&mine), &len);
+    len = sizeof peer;
+    getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len);
+    DIR* dir = opendir("/proc/self/fd");
+    int found = -1;
+    while (dirent* e = dir ? readdir(dir) : nullptr) {
+        const int cand = std::atoi(e->d_name);
+        sockaddr_in a{}, b{};
+        socklen_t la = sizeof a, lb = sizeof b;
+        if (cand <= 2 || cand == fd || getsockname(cand, reinterpret_cast<sockaddr*>(&a), &la) != 0 ||
+            getpeername(cand, reinterpret_cast<sockaddr*>(&b), &lb) != 0 || a.sin_family != AF_INET)
+            continue;
+        if (a.sin_port == peer.sin_port && b.sin_port == mine.sin_port) found = cand;
     }
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    *port = ntohs(a.sin_port);
-    return fd;
+    if (dir) closedir(dir);
+    return found;
 }
 
-comp::UniqueFd Dial(int port) {
-    comp::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    return fd;
+// Sends a frame in two pieces, the second as soon as the mode has read the
+// first (its end of the connection holds nothing unread): the mode's reader
+// then waits for the rest, which must come within its two milliseconds of
+// patience. The sending thread asks for real-time priority (where it may), so
+// that a busy machine does not hold the second piece back.
+void SendCut(int fd, int modeEnd, const std::string& f, size_t cut) {
+    sched_param rt{};
+    rt.sched_priority = 1;
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &rt);
+    (void)!send(fd, f.data(), cut, MSG_NOSIGNAL);
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+         std::chrono::steady_clock::now() < end;) {
+        int unread = 0;
+        if (ioctl(modeEnd, FIONREAD, &unread) != 0 || unread == 0) break;
+        const timespec pause{0, 20'000};
+        nanosleep(&pause, nullptr);
+    }
+    (void)!send(fd, f.data() + cut, f.size() - cut, MSG_NOSIGNAL);
 }
 
 bool Readable(int fd) {
@@ -91,16 +113,23 @@ RouteRecord Record(const std::vector<std::string>& row) {
 
 class SynInProcess : public comptest::UnitTest, public ::testing::WithParamInterface<bool> {
 protected:
+    // PASSYN makes its task queue under the key pid + 0x8000: here the
+    // test's own pid. One that stands there already can only be left from a
+    // process that had this pid before.
     void SetUp() override {
         UnitTest::SetUp();
         deadline = GetParam();
+        RemoveTaskQueue();
     }
     void TearDown() override {
         runner.Stop();
-        const int q = msgget(static_cast<key_t>(getpid() + 0x8000), 0);
-        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
+        RemoveTaskQueue();
         plat.Down();
         UnitTest::TearDown();
+    }
+    static void RemoveTaskQueue() {
+        const int q = msgget(static_cast<key_t>(getpid() + 0x8000), 0);
+        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
     }
     void Up(const std::vector<std::string>& row) {
         std::string why;
@@ -112,7 +141,7 @@ protected:
     void StartPassyn(const std::string& limit) {
         const std::vector<std::string> row = SynRoute("51", limit);
         Up(row);
-        listenFd = ListenLoopback(&port);
+        listenFd = comptest::ListenLoopback(&port);
         ASSERT_GE(listenFd, 0);
         const RouteRecord rec = Record(row);
         const int lfd = listenFd;
@@ -122,7 +151,8 @@ protected:
     // A client accepted on command, with its first poll read; the time it
     // was sent.
     comp::UniqueFd Client(int64_t* sent) {
-        comp::UniqueFd c = Dial(port);
+        comp::UniqueFd c = comptest::DialLoopback(port);
+        EXPECT_TRUE(c.valid());
         const int ctl = open(run.file("fifo/3_" + std::to_string(getpid()) + "_1").c_str(), O_WRONLY | O_NONBLOCK);
         EXPECT_EQ(write(ctl, "0", 1), 1);
         close(ctl);
@@ -212,7 +242,7 @@ TEST_P(SynInProcess, passyn_pushes_at_once_when_the_clock_jumps_past_the_limit) 
 // first-connect attempts; both are taken on the loop's clock.
 TEST_P(SynInProcess, pcsyn_start_up_wait_and_connect_pauses_run_on_the_loops_clock) {
     int serverPort = 0;
-    const int probe = ListenLoopback(&serverPort);
+    const int probe = comptest::ListenLoopback(&serverPort);
     close(probe);   // nobody listens there until the third attempt has failed
     std::vector<std::string> row = SynRoute("50", "60");
     row[RT_IPPORT] = "127.0.0.1:" + std::to_string(serverPort);
@@ -221,7 +251,7 @@ TEST_P(SynInProcess, pcsyn_start_up_wait_and_connect_pauses_run_on_the_loops_clo
     const int64_t t0 = runner.clk.NowUsec();
     runner.StartAsync([rec] { return SysTCPPCSYN(const_cast<char*>("50"), rec, 1, 0); });
     for (int i = 0; i < 2000 && Count("SysConnectIni]iSockConnect error") < 3; ++i) usleep(1000);
-    int lsn = ListenLoopback(&serverPort);
+    int lsn = comptest::ListenLoopback(&serverPort);
     ASSERT_GE(lsn, 0) << "the port was taken meanwhile";
     ASSERT_TRUE(runner.WaitParked()) << Logs();
     const int failures = Count("SysConnectIni]iSockConnect error");
@@ -240,16 +270,14 @@ TEST_P(SynInProcess, passyn_reads_frames_cut_at_any_byte) {
     comp::UniqueFd c = Client(&sent);
     int one = 1;
     setsockopt(c.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    const int modeEnd = ModeEndOf(c.get());
+    ASSERT_GE(modeEnd, 0);
     const std::string data = "cut";
     for (size_t cut = 1, serial = 0; cut < 9; ++cut, ++serial) {
         std::string f = Syn(4, static_cast<int>(serial));
         f[4] = static_cast<char>(data.size());
         f.insert(5, data);
-        std::thread writer([&] {
-            (void)!send(c.get(), f.data(), cut, MSG_NOSIGNAL);
-            usleep(200);
-            (void)!send(c.get(), f.data() + cut, f.size() - cut, MSG_NOSIGNAL);
-        });
+        std::thread writer([&] { SendCut(c.get(), modeEnd, f, cut); });
         EXPECT_TRUE(runner.RunUntil([&] { return Readable(c.get()); }, 1000000)) << "cut at " << cut;
         writer.join();
         EXPECT_EQ(Take(c.get()), Syn(1, static_cast<int>(serial + 1))) << "cut at " << cut;
@@ -262,7 +290,7 @@ TEST_P(SynInProcess, passyn_reads_frames_cut_at_any_byte) {
 // millisecond for missing bytes at most three times per header or body.
 TEST_P(SynInProcess, pcsyn_reads_requests_in_pieces_and_drops_a_dribbling_server) {
     int serverPort = 0;
-    const int lsn = ListenLoopback(&serverPort);
+    const int lsn = comptest::ListenLoopback(&serverPort);
     ASSERT_GE(lsn, 0);
     std::vector<std::string> row = SynRoute("50", "60");
     row[RT_IPPORT] = "127.0.0.1:" + std::to_string(serverPort);
@@ -274,34 +302,34 @@ TEST_P(SynInProcess, pcsyn_reads_requests_in_pieces_and_drops_a_dribbling_server
     ASSERT_TRUE(link.valid());
     int one = 1;   // each piece goes at once, not when the last is acknowledged
     setsockopt(link.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    // Sends can fail once the mode has dropped the link.
-    auto sendPieces = [&](const std::string& f, size_t piece, int pauseUs) {
-        for (size_t at = 0; at < f.size(); at += piece) {
-            (void)!send(link.get(), f.data() + at, std::min(piece, f.size() - at), MSG_NOSIGNAL);
-            if (pauseUs) usleep(static_cast<useconds_t>(pauseUs));
-        }
-    };
-    // The answer to a frame sent from a thread of its own while the mode reads.
-    auto ask = [&](const std::string& f, size_t cut, size_t piece, int pauseUs) {
-        std::thread writer([&] {
-            sendPieces(f.substr(0, cut), f.size(), 0);
-            usleep(200);
-            sendPieces(f.substr(cut), piece, pauseUs);
-        });
+    const int modeEnd = ModeEndOf(link.get());
+    ASSERT_GE(modeEnd, 0);
+    // The answer to a frame written from a thread of its own while the mode reads.
+    auto ask = [&](const std::function<void()>& write) {
+        std::thread writer(write);
         const bool answered = runner.RunUntil([&] { return Readable(link.get()); }, 1000000);
         writer.join();
         return answered ? Take(link.get()) : std::string();
     };
     int serial = 0;
-    for (size_t cut = 1; cut < 6; ++cut, ++serial)
-        EXPECT_EQ(ask(Syn(1, serial), cut, 6, 0), Syn(2, serial)) << "cut at " << cut;
-
-    sendPieces(Syn(1, serial), 1, 0);   // six segments, all in before the next pass
+    for (size_t cut = 1; cut < 6; ++cut, ++serial) {
+        const std::string f = Syn(1, serial);
+        EXPECT_EQ(ask([&] { SendCut(link.get(), modeEnd, f, cut); }), Syn(2, serial)) << "cut at " << cut;
+    }
+    for (char b : Syn(1, serial)) ASSERT_EQ(send(link.get(), &b, 1, 0), 1);   // all in before the next pass
     EXPECT_TRUE(runner.RunUntil([&] { return Readable(link.get()); }, 100));
     EXPECT_EQ(Take(link.get()), Syn(2, serial));
     ++serial;
 
-    EXPECT_EQ(ask(Syn(1, serial), 1, 1, 300), "") << "dropped, not answered";
+    const std::string dribbled = Syn(1, serial);
+    EXPECT_EQ(ask([&] {
+                  for (char b : dribbled) {   // sends fail once the mode has dropped the link
+                      (void)!send(link.get(), &b, 1, MSG_NOSIGNAL);
+                      usleep(2000);
+                  }
+              }),
+              "")
+        << "dropped, not answered";
     EXPECT_TRUE(Logged("]iSockRecv,fd=")) << Logs();
     EXPECT_TRUE(Logged("routeid[50] N003 to tranp"));
 }

@@ -134,6 +134,20 @@ extern "C" void OnNetSignal(int) { g_netStop = true; }
 
 }  // namespace
 
+int ListenOn(const std::string& ip, int port, int backlog) {
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int one = 1;
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, ip.c_str(), &sa.sin_addr);
+    if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+        listen(fd.get(), backlog) != 0)
+        return -1;
+    return fd.release();
+}
+
 int ConnectTo(const std::string& ip, int port, int timeoutMs, std::string* why) {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in sa{};
@@ -246,14 +260,8 @@ int RunEchoServer(const std::vector<std::string>& args) {
                      why.empty() ? "unexpected words" : why.c_str());
         return 2;
     }
-    UniqueFd lsn(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    int one = 1;
-    setsockopt(lsn.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(a.port));
-    inet_pton(AF_INET, a.ip.c_str(), &sa.sin_addr);
-    if (bind(lsn.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(lsn.get(), 64) != 0) {
+    UniqueFd lsn(ListenOn(a.ip, a.port, 64));
+    if (!lsn.valid()) {
         std::fprintf(stderr, "compkit echo-server: %s:%d: %s\n", a.ip.c_str(), a.port, std::strerror(errno));
         return 1;
     }

@@ -13,6 +13,9 @@ namespace kit {
 int RunSend(const std::vector<std::string>& args);
 int RunEchoServer(const std::vector<std::string>& args);
 
+// A listening socket on IP:PORT (SO_REUSEADDR); the descriptor, or -1 with errno.
+int ListenOn(const std::string& ip, int port, int backlog);
+
 // Connects to IP:PORT (blocking, with a time-out); the descriptor or -1.
 int ConnectTo(const std::string& ip, int port, int timeoutMs, std::string* why);
 

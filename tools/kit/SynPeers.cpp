@@ -80,6 +80,22 @@ bool ParsePeerArgs(const std::vector<std::string>& a, PeerArgs* out, std::string
     return true;
 }
 
+// The common start of both peers: line-buffered output, the arguments (a
+// usage line on stderr when they are wrong), and SIGINT/SIGTERM caught.
+bool StartPeer(const char* name, const std::vector<std::string>& args, PeerArgs* a) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::string why;
+    if (!ParsePeerArgs(args, a, &why)) {
+        std::fprintf(stderr,
+                     "compkit %s: %s\nusage: compkit %s IP:PORT [--interval MS] [--count N] [--timeout S] "
+                     "[--data TEXT]...\n",
+                     name, why.c_str(), name);
+        return false;
+    }
+    CatchStop();
+    return true;
+}
+
 void Say(const char* who, const std::string& text) {
     std::printf("%s %s: %s\n", ClockText().c_str(), who, text.c_str());
 }
@@ -220,28 +236,13 @@ std::string DescribeSyn(const SynView& f) {
 }
 
 int RunPollServer(const std::vector<std::string>& args) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     PeerArgs a;
-    std::string why;
-    if (!ParsePeerArgs(args, &a, &why)) {
-        std::fprintf(stderr,
-                     "compkit poll-server: %s\nusage: compkit poll-server IP:PORT [--interval MS] [--count N] "
-                     "[--timeout S] [--data TEXT]...\n",
-                     why.c_str());
-        return 2;
-    }
-    UniqueFd lsn(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    int one = 1;
-    setsockopt(lsn.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(a.port));
-    inet_pton(AF_INET, a.ip.c_str(), &sa.sin_addr);
-    if (bind(lsn.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(lsn.get(), 4) != 0) {
+    if (!StartPeer("poll-server", args, &a)) return 2;
+    UniqueFd lsn(ListenOn(a.ip, a.port, 4));
+    if (!lsn.valid()) {
         std::fprintf(stderr, "compkit poll-server: %s:%d: %s\n", a.ip.c_str(), a.port, std::strerror(errno));
         return 1;
     }
-    CatchStop();
     Say("poll-server", "listening on " + a.ip + ":" + std::to_string(a.port) + ", a poll every " +
                            std::to_string(a.intervalMs) + " ms");
     long done = 0;
@@ -264,17 +265,9 @@ int RunPollServer(const std::vector<std::string>& args) {
 }
 
 int RunPollClient(const std::vector<std::string>& args) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     PeerArgs a;
+    if (!StartPeer("poll-client", args, &a)) return 2;
     std::string why;
-    if (!ParsePeerArgs(args, &a, &why)) {
-        std::fprintf(stderr,
-                     "compkit poll-client: %s\nusage: compkit poll-client IP:PORT [--interval MS] [--count N] "
-                     "[--timeout S] [--data TEXT]...\n",
-                     why.c_str());
-        return 2;
-    }
-    CatchStop();
     UniqueFd fd(ConnectTo(a.ip, a.port, a.timeoutMs, &why));
     if (!fd.valid()) {
         std::fprintf(stderr, "compkit poll-client: %s\n", why.c_str());
