@@ -211,18 +211,27 @@ const char* FaketimeLibrary() {
         if (access(lib, R_OK) == 0) return lib;
     return nullptr;
 }
+// libfaketime is preloaded ahead of the sanitizer runtime of a sanitized
+// comp, which the runtime refuses unless told that the order is meant.
+std::string SanitizerOrderOption() {
+    const char* given = getenv("ASAN_OPTIONS");
+    std::string opts = given != nullptr ? given : "";
+    return "ASAN_OPTIONS=" + opts + (opts.empty() ? "" : ":") + "verify_asan_link_order=0";
+}
 }  // namespace
 
 std::vector<std::string> PlatformTest::FastClock(int speed) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1"};
+    return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1",
+            SanitizerOrderOption()};
 }
 
 std::vector<std::string> PlatformTest::SteppedClock(const std::string& specFile) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1"};
+    return {std::string("LD_PRELOAD=") + lib, "FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1",
+            SanitizerOrderOption()};
 }
 
 size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,
