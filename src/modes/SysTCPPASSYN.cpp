@@ -158,7 +158,11 @@ int SysTCPPASSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListe
     }
     if (ps.push) ps.pushTimer = loop.AddTimer(comp::Phase::kAfterDispatch, comp::Fn<PassynPush>, &ps, comp::Loop::kNever);
     writelog(LOG_DEBUG, nullptr, 0, "[%s,%d]%s Begin Working,task queue %d", SRC_NAME, __LINE__, kMode, ps.taskQid);
-    return loop.Run();
+    const int rc = loop.Run();
+    // The loop ended without quitting (SIGUSR1 could not be blocked): the
+    // task queue goes all the same.
+    MsgRemove(ps.taskQid);
+    return rc;
 }
 
 // One task of the address in pstBuf's type word, without waiting: its
