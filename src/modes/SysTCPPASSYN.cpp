@@ -105,8 +105,9 @@ int64_t PassynPush(Passyn& ps, int64_t now);
 void PassynCloseHook(Passyn& ps, int fd);
 void PassynQuit(Passyn& ps);
 void ArmPush(Passyn& ps, const SynsEntry& r);
+void Stamp(Passyn& ps, SynsEntry& r);
 void Sent(Passyn& ps, SynsEntry& r);
-bool TaskType(Passyn& ps, const SynsEntry& r, long* type);
+bool TaskType(const SynsEntry& r, long* type);
 
 }  // namespace
 
@@ -199,7 +200,7 @@ int SysAnswerBack(char* pcFrame, int iLen, int iFd, int iTaskQid) {
         return -1;
     }
     if (!step.answer) return 0;
-    if (!TaskType(ps, r, &ps.task.lMsgType)) return -1;
+    if (!TaskType(r, &ps.task.lMsgType)) return -1;
     const int taskLen = SysReadTaskQueue(iTaskQid, &ps.task);
     if (taskLen < 0) {
         COMP_ERRLOG("Read Task queue error .errno %d ,errmsg[%s]", errno, std::strerror(errno));
@@ -227,7 +228,7 @@ namespace {
 
 // The task type of a client: its IPv4 address as a number. False (the
 // connection is to go) when the address does not convert.
-bool TaskType(Passyn&, const SynsEntry& r, long* type) {
+bool TaskType(const SynsEntry& r, long* type) {
     char ip[sizeof r.peerIp + 1] = {0};
     std::memcpy(ip, r.peerIp, sizeof r.peerIp);
     in_addr addr{};
@@ -239,12 +240,18 @@ bool TaskType(Passyn&, const SynsEntry& r, long* type) {
     return true;
 }
 
-// A frame went to the client: nothing more is sent until it has spoken.
-void Sent(Passyn& ps, SynsEntry& r) {
+// The time a frame went to the client: the wait limit counts from it.
+void Stamp(Passyn& ps, SynsEntry& r) {
     const int64_t now = ps.loop->NowUsec();
-    r.awaiting = 1;
     r.sentSec = now / comp::kUsecPerSec;
     r.sentUsec = now % comp::kUsecPerSec;
+}
+
+// An answer or a push went to the client: nothing more is sent until it has
+// spoken.
+void Sent(Passyn& ps, SynsEntry& r) {
+    Stamp(ps, r);
+    r.awaiting = 1;
 }
 
 // A client that spoke last may be pushed to once the wait limit has passed.
@@ -287,9 +294,7 @@ void FirstPoll(Passyn& ps, int fd) {
         return;
     }
     SysConnLog(r.fd, r.logPath, LOG_INFO, poll, len, "[%s,%d,%s]write to net.len=%d", SRC_NAME, __LINE__, kMode, len);
-    const int64_t now = ps.loop->NowUsec();
-    r.sentSec = now / comp::kUsecPerSec;
-    r.sentUsec = now % comp::kUsecPerSec;
+    Stamp(ps, r);   // the flag stays 0: pushed to like a client that has spoken
     ArmPush(ps, r);
 }
 
@@ -377,7 +382,7 @@ void PassynTask(Passyn& ps, int fd, unsigned) {
     }
     SynsEntry& r = ps.rows[target];
     m.lMsgType = 0;
-    if (!TaskType(ps, r, &m.lMsgType)) {
+    if (!TaskType(r, &m.lMsgType)) {
         COMP_ERRLOG("[%s,%s,%d]ip [%.16s] is invalid!", SRC_NAME, __func__, __LINE__, r.peerIp);
         ps.loop->Close(target);
         return;
@@ -479,7 +484,7 @@ int64_t PassynPush(Passyn& ps, int64_t now) {
             due = std::min(due, sent > now ? now : sent + ps.waitLimitUsec + 1);
             return;
         }
-        if (!TaskType(ps, r, &ps.task.lMsgType)) {
+        if (!TaskType(r, &ps.task.lMsgType)) {
             ps.loop->Close(fd);
             return;
         }
