@@ -253,7 +253,7 @@ TEST_F(PassynTest, clock_stepped_back_or_forward_under_a_waiting_client) {
     run.write("faketime.spec", "+0\n");
     compEnv = SteppedClock(spec);
     if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
-    Start({{"BEATINTERVAL", "2"}});
+    Start({{"BEATINTERVAL", "2"}, {"IDLETIMEOUT", "3000"}});   // the jumps must not end the client
     comp::UniqueFd s = Client();
     ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 0)));
     run.write("faketime.spec", "-30\n");
