@@ -324,18 +324,17 @@ int SysKeepAlive(int /*iCtlFd*/, int /*iNotifyFd*/, int iTableSize, int iInterva
             continue;
         }
         const int fd = conn.get();
+        char ip[sizeof old.peerIp + 1] = {0};
+        std::memcpy(ip, old.peerIp, sizeof old.peerIp);
+        const int port = old.port;
         // A descriptor the table cannot hold, or one that cannot be made
         // non-blocking, counts as an attempt: the next waits its interval.
-        if (fd >= iTableSize || iNoblockFd(fd) != 0) {
+        if (fd >= iTableSize || iNoblockFd(fd) != 0 || !TakeLink(p, fd, ip, port, FreshSec(p))) {
             COMP_ERRLOG("[%s,%d,%s]fd %d is too large", SRC_NAME, __LINE__, "SysKeepAlive", fd);
             old.lastSend = FreshSec(p);
             rc = -1;
             continue;
         }
-        char ip[sizeof old.peerIp + 1] = {0};
-        std::memcpy(ip, old.peerIp, sizeof old.peerIp);
-        const int port = old.port;
-        if (!TakeLink(p, fd, ip, port, FreshSec(p))) continue;
         conn.release();
         if (fd != row) {
             old.lastSend = -1;
