@@ -87,12 +87,13 @@ TEST_F(FwPairTest, sixteen_clients_through_the_pair_get_their_own_answers) {
     std::vector<comp::UniqueFd> clients = Clients(16);
     EXPECT_TRUE(WaitFor("[ftp.pair] [pairuser] [pairpw]", 16)) << "N001 carries FWB's FTP settings";
     for (int round = 0; round < 3; ++round) {
+        auto text = [round](size_t i) {
+            return "c" + std::to_string(i) + " r" + std::to_string(round);
+        };
         for (size_t i = 0; i < clients.size(); ++i)
-            ASSERT_TRUE(Send(clients[i].get(), Frame("c" + std::to_string(i) + " r" + std::to_string(round))));
+            ASSERT_TRUE(Send(clients[i].get(), Frame(text(i))));
         for (size_t i = 0; i < clients.size(); ++i)
-            EXPECT_EQ(fwtest::ReadMessage(clients[i].get(), 5000),
-                      Frame("c" + std::to_string(i) + " r" + std::to_string(round)))
-                << Output();
+            EXPECT_EQ(fwtest::ReadMessage(clients[i].get(), 5000), Frame(text(i))) << Output();
     }
     clients[3].reset();
     EXPECT_TRUE(WaitFor("N003 pid", 1)) << "a client leaving FWB leaves TranP too";
