@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -81,18 +82,20 @@ std::string TablesCfgText(const BenchRoutes& r) {
         "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
+    s += RouteLine(r.tsDeadlineRoute, "bench-tsdl", "0", r.tsDeadlinePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
     return s;
 }
 
 std::string KitCfgText(const BenchRoutes& r) {
     return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
-           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
+           " SysTCPTS echo\n" + "route " + std::to_string(r.tsDeadlineRoute) + " SysTCPTS echo\n" + "route " +
+           std::to_string(r.tcRoute) + " SysTCPTC\n";
 }
 
-std::string AppCfgText(int logLevel) {
+std::string AppCfgText(int logLevel, bool bDeadline) {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + (bDeadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
 }
 
 }  // namespace
@@ -124,7 +127,7 @@ bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
            WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
            WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, false), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -147,9 +150,11 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
 
     routes_.tsPort = FreeLoopbackPort();
     routes_.basePort = FreeLoopbackPort();
+    routes_.tsDeadlinePort = FreeLoopbackPort();
     routes_.tcServerPort = FreeLoopbackPort();
-    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 ||
-        routes_.tsPort == routes_.basePort) {
+    std::vector<int> ports{routes_.tsPort, routes_.basePort, routes_.tsDeadlinePort, routes_.tcServerPort};
+    std::sort(ports.begin(), ports.end());
+    if (ports.front() <= 0 || std::adjacent_find(ports.begin(), ports.end()) != ports.end()) {
         *why = "no free loopback ports";
         Destroy();
         return false;
@@ -192,8 +197,8 @@ void BenchPlatform::Destroy() {
     }
 }
 
-bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+bool BenchPlatform::SetAppConfig(int logLevel, bool bDeadline, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, bDeadline), why);
 }
 
 void BenchPlatform::TrimLogs() const {

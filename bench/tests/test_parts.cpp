@@ -32,6 +32,41 @@ TEST(ProcStat, CountsFieldsAfterTheLastParenthesis) {
     EXPECT_GE(*self, 0);
 }
 
+TEST(ProcStat, SchedstatRunTimeIsItsFirstField) {
+    EXPECT_EQ(bench::ParseSchedstatNs("4017117 3838578 1\n"), 4017117u);
+    EXPECT_EQ(bench::ParseSchedstatNs("12"), 12u);
+    EXPECT_FALSE(bench::ParseSchedstatNs(""));
+    EXPECT_FALSE(bench::ParseSchedstatNs("x 1 2"));
+    EXPECT_FALSE(bench::ParseSchedstatNs("12x 1 2"));
+    // The sum over the threads grows with the work done.
+    auto before = bench::ProcessCpuMicros(getpid());
+    volatile uint64_t spin = 0;
+    for (int i = 0; i < 20'000'000; ++i) spin = spin + static_cast<uint64_t>(i);
+    auto after = bench::ProcessCpuMicros(getpid());
+    ASSERT_TRUE(before && after);
+    EXPECT_GT(*after, *before);
+}
+
+TEST(ProcStat, SumsThePerThreadTablesOfAPerfTraceSummary) {
+    const char* text =
+        "\n Summary of events:\n\n comp (7), 120 events, 60.0%\n\n"
+        "   syscall            calls  errors  total       min       avg       max       stddev\n"
+        "                                     (msec)    (msec)    (msec)    (msec)        (%)\n"
+        "   --------------- --------  ------ -------- --------- --------- ---------     ------\n"
+        "   epoll_wait            40      0     1.000     0.001     0.025     0.100      5.00%\n"
+        "   accept4               20      2     0.400     0.010     0.020     0.049      9.63%\n\n"
+        " comp (8), 10 events, 5.0%\n\n"
+        "   syscall            calls  errors  total       min       avg       max       stddev\n"
+        "   --------------- --------  ------ -------- --------- --------- ---------     ------\n"
+        "   accept4                5      1     0.100     0.010     0.020     0.049      9.63%\n";
+    auto t = bench::ParsePerfTraceSummary(text);
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(t["epoll_wait"].calls, 40u);
+    EXPECT_EQ(t["accept4"].calls, 25u);
+    EXPECT_EQ(t["accept4"].errors, 3u);
+    EXPECT_TRUE(bench::ParsePerfTraceSummary("no table here\n").empty());
+}
+
 TEST(ProcStat, ReadsBothContextSwitchCounters) {
     auto cs = bench::ParseCtxSwitches(
         "Name:\tcomp\nvoluntary_ctxt_switches:\t120\nnonvoluntary_ctxt_switches:\t7\n");
