@@ -1,5 +1,9 @@
 #include "base/SysGlobals.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstring>
 
 extern "C" {
@@ -26,6 +30,9 @@ const char* const g_pcaRouteColumns[28] = {
 }
 
 namespace {
+std::atomic<pid_t> g_iOwnPid{0};
+void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
+
 ProcState InitialState() {
     ProcState st{};
     std::strcpy(st.stLog.caTraceBase, "../log/unkonwn.log");
@@ -40,6 +47,18 @@ ProcState InitialState() {
 
 ProcState g_stProcState = InitialState();
 
+namespace comp {
+pid_t OwnPid() {
+    pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
+    if (iPid == 0) {
+        static const bool bHooked = pthread_atfork(nullptr, nullptr, ForgetOwnPid) == 0;
+        iPid = getpid();
+        if (bHooked) g_iOwnPid.store(iPid, std::memory_order_relaxed);
+    }
+    return iPid;
+}
+}  // namespace comp
+
 void SysResetGlobals() {
     std::memset(g_caMsg, 0, sizeof g_caMsg);
     std::memset(&g_stCommCfgValue, 0, sizeof g_stCommCfgValue);
@@ -53,4 +72,5 @@ void SysResetGlobals() {
     g_iRtnIdx = 0;
     g_iDebugSwitch = 0;
     g_stProcState = InitialState();
+    ForgetOwnPid();
 }
