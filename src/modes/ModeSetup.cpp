@@ -94,7 +94,11 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         timeval tv{0, 5};
         setsockopt(iListenFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     }
-    a.fd.reset(stSpec.bPeerByGetpeer ? iSockAccept(iListenFd) : iSockAcceptInfo(iListenFd, a.ip, &a.port));
+    // With the peer from the accept, the accept also makes the connection
+    // non-blocking (one call less than iNoblockFd afterwards).
+    const bool nonBlockByAccept = stSpec.bNonBlock && !stSpec.bPeerByGetpeer;
+    a.fd.reset(stSpec.bPeerByGetpeer ? iSockAccept(iListenFd)
+                                     : SockAcceptInfoFlags(iListenFd, a.ip, &a.port, nonBlockByAccept ? SOCK_NONBLOCK : 0));
     a.err = errno;
     if (SysTellCommonp(g_stMsgQCntl[kQueueCommonp].iId, static_cast<int>(kCommonpAccepted)) != 0) {
         a.outcome = AcceptOutcome::kReportFailed;
@@ -109,7 +113,7 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         a.outcome = AcceptOutcome::kTooMany;
         return a;
     }
-    if (stSpec.bNonBlock && iNoblockFd(a.fd.get()) != 0) {
+    if (stSpec.bNonBlock && !nonBlockByAccept && iNoblockFd(a.fd.get()) != 0) {
         a.err = errno;
         a.outcome = AcceptOutcome::kNoBlockFailed;
         return a;

@@ -77,6 +77,18 @@ int iSockListen(const char* pcIp, int iPort, int iBacklog) {
     return sock.release();
 }
 
+int SockAcceptInfoFlags(int iListenFd, char* pcIp, int* piPort, int iFlags) {
+    sockaddr_in stPeer{};
+    socklen_t iLen = sizeof stPeer;
+    int iFd = accept4(iListenFd, reinterpret_cast<sockaddr*>(&stPeer), &iLen, iFlags);
+    if (iFd < 0) return -1;
+    char caIp[kIpTextLen];
+    AddrText(stPeer, caIp);
+    if (pcIp != nullptr) std::memcpy(pcIp, caIp, sizeof caIp);
+    if (piPort != nullptr) *piPort = ntohs(stPeer.sin_port);
+    return iFd;
+}
+
 extern "C" {
 
 int iSockAccept(int iListenFd) {
@@ -94,17 +106,7 @@ int iSockAccept(int iListenFd) {
     return iFd;
 }
 
-int iSockAcceptInfo(int iListenFd, char* pcIp, int* piPort) {
-    sockaddr_in stPeer{};
-    socklen_t iLen = sizeof stPeer;
-    int iFd = accept(iListenFd, reinterpret_cast<sockaddr*>(&stPeer), &iLen);
-    if (iFd < 0) return -1;
-    char caIp[kIpTextLen];
-    AddrText(stPeer, caIp);
-    if (pcIp != nullptr) std::memcpy(pcIp, caIp, sizeof caIp);
-    if (piPort != nullptr) *piPort = ntohs(stPeer.sin_port);
-    return iFd;
-}
+int iSockAcceptInfo(int iListenFd, char* pcIp, int* piPort) { return SockAcceptInfoFlags(iListenFd, pcIp, piPort, 0); }
 
 int iGetPeer(int iSock, char* pcIp, int* piPort) {
     if (pcIp == nullptr) return -1;
