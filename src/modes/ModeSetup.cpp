@@ -41,14 +41,14 @@ WaitStyle ConfiguredWaitStyle() {
 }
 
 Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
-                        Backend eFixedBackend) {
+                        Backend eFixedBackend, Backend eDeadlineBackend) {
     Loop::Spec spec;
     spec.pcSrc = pcSrc;
     spec.pcMode = pcMode;
     spec.iTableSize = iTableSize;
     spec.lWaitUsec = lWaitUsec;
     spec.eStyle = ConfiguredWaitStyle();
-    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? Backend::kEpoll : eFixedBackend;
+    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? eDeadlineBackend : eFixedBackend;
     return spec;
 }
 

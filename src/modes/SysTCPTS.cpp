@@ -137,7 +137,9 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     hooks.idle = comp::Fn<TsIdle>;
     hooks.close = comp::Fn<TsCloseHook>;
     hooks.quit = comp::Fn<TsQuit>;
-    ts.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    // One exchange per connection: ppoll in both wait styles (see ModeLoopSpec).
+    ts.loop.emplace(
+        comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
     comp::Loop& loop = *ts.loop;
     loop.SetRows(&ts.rows);
 

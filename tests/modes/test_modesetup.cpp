@@ -130,6 +130,22 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
               comp::AcceptOutcome::kReportFailed);
 }
 
+TEST_F(ModeSetupTest, loop_spec_takes_the_backend_of_the_configured_wait_style) {
+    using comp::Backend;
+    using comp::WaitStyle;
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\n[]\n");
+    comp::Loop::Spec spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kPoll, Backend::kEpoll);
+    EXPECT_EQ(spec.eStyle, WaitStyle::kFixed);
+    EXPECT_EQ(spec.eBackend, Backend::kPoll);
+    EXPECT_EQ(spec.lWaitUsec, 100);
+    run.write("etc/app.cfg", "[APPVARS]\nCOMP_WAIT deadline\n[]\n");
+    spec = comp::ModeLoopSpec("S", "M", 64, 100);
+    EXPECT_EQ(spec.eStyle, WaitStyle::kDeadline);
+    EXPECT_EQ(spec.eBackend, Backend::kEpoll) << "epoll unless the mode says otherwise";
+    spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kEpoll, Backend::kPoll);
+    EXPECT_EQ(spec.eBackend, Backend::kPoll);
+}
+
 TEST_F(ModeSetupTest, control_commands_quit_accept_or_end_on_a_bad_byte) {
     int fd = iOpenFIFO("ctl", comp::kFifoControl);
     ASSERT_GE(fd, 0);
