@@ -18,6 +18,7 @@
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/StrTools.h"
 
 namespace {
 
@@ -48,7 +49,8 @@ void PutIp(char* pcField, const char* pcIp) {
 int RouteNumber(const RouteRecord& stRoute) {
     char caId[comp::kRouteFieldLen + 1] = {};
     std::memcpy(caId, stRoute.caField[RT_ROUTEID], comp::kRouteFieldLen);
-    return std::atoi(caId);
+    int iId = 0;
+    return comp::PlainDecimal(caId, &iId) ? iId : std::atoi(caId);
 }
 
 // Reads one message of the wanted type from queue 8 after consuming the

@@ -19,12 +19,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "base/SysGlobals.h"
@@ -70,6 +72,7 @@ enum class LowWater : uint8_t { kUnknown, kInherited, kPerConnection };
 
 struct Ts {
     char routeId[3] = {0};
+    int routeNo = 0;                    // the route id as the registry takes it
     RouteRecord route{};
     char routeName[65] = {0};
     int headerLen = 0;
@@ -93,6 +96,7 @@ void TsAccept(Ts& ts, int fd, unsigned ev);
 void TsAnswer(Ts& ts, int fd, unsigned ev);
 void TsRequest(Ts& ts, int fd, unsigned ev);
 void TsLowWater(Ts& ts, int fd);
+void TsLogPath(const Ts& ts, SockEntry& r);
 void TsCloseHook(Ts& ts, int fd);
 void TsQuit(Ts& ts);
 void TsClose(Ts& ts, int fd);
@@ -105,6 +109,7 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     static Ts ts;
     g_ts = &ts;
     std::snprintf(ts.routeId, sizeof ts.routeId, "%s", pcRouteId);
+    ts.routeNo = std::atoi(ts.routeId);
     ts.route = stRoute;
     ts.pid = getpid();
     std::snprintf(ts.routeName, sizeof ts.routeName, "%s", stRoute.caField[RT_ROUTENAME]);
@@ -205,7 +210,7 @@ void TsAccept(Ts& ts, int fd, unsigned) {
         return;
     }
     if (!ts.loop->Watch(conn.get(), comp::Role::kConn, comp::Fn<TsRequest>, &ts)) {
-        SysDelConnection(std::atoi(ts.routeId), ip, port, 1);
+        SysDelConnection(ts.routeNo, ip, port, 1);
         return;
     }
     const int cfd = conn.release();
@@ -214,8 +219,24 @@ void TsAccept(Ts& ts, int fd, unsigned) {
     r.count = 0;
     r.lastActive = ts.loop->NowSec();
     ts.pending[cfd] = 0;
-    std::snprintf(r.logPath, sizeof r.logPath, "%s%.16s.log", ts.logPrefix, r.peerIp);
+    TsLogPath(ts, r);
     SysConnLog(cfd, r.logPath, LOG_DEBUG, nullptr, 0, "%.16s:%d connected", r.peerIp, port);
+}
+
+// "$HOME/runs/log/com_<route name>_<peer IP>.log", cut to the field, from
+// the prefix made at start (formatting it for every connection costs more
+// than the rest of the accept's own work).
+void TsLogPath(const Ts& ts, SockEntry& r) {
+    char* out = r.logPath;
+    size_t room = sizeof r.logPath - 1;
+    for (std::string_view part : {std::string_view(ts.logPrefix), std::string_view(r.peerIp, strnlen(r.peerIp, 16)),
+                                  std::string_view(".log")}) {
+        const size_t n = std::min(part.size(), room);
+        std::memcpy(out, part.data(), n);
+        out += n;
+        room -= n;
+    }
+    *out = '\0';
 }
 
 // A connection is not readable before a whole header can be read. The
@@ -328,7 +349,7 @@ void TsClose(Ts& ts, int fd) {
 
 void TsCloseHook(Ts& ts, int fd) {
     SockEntry& r = ts.rows[fd];
-    if (SysDelConnection(std::atoi(ts.routeId), r.peerIp, r.port, 1) < 0)
+    if (SysDelConnection(ts.routeNo, r.peerIp, r.port, 1) < 0)
         SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d] [%s]SysDelConnection error", SRC_NAME, __LINE__,
                    r.peerIp);
     SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d] [%s]回应答成功", SRC_NAME, __LINE__, r.peerIp);

@@ -33,6 +33,17 @@ TEST(SockTable, finds_rows_by_address_and_port_lowest_descriptor_first) {
     }
     t.Open(12);
     t.SetPeer(12, "10.0.0.2", 5);
+    // Changes before the first lookup, which builds the index.
+    t.Open(30);
+    t.SetPeer(30, "10.0.0.9", 1);
+    t.SetPeer(30, "10.0.0.7", 2);
+    t.Open(31);
+    t.SetPeer(31, "10.0.0.8", 1);
+    t.FreeRow(31);
+    EXPECT_EQ(t.FindByIp("10.0.0.9"), -1);
+    EXPECT_EQ(t.FindByIp("10.0.0.8"), -1);
+    EXPECT_EQ(t.FindByIpPort("10.0.0.7", 2), 30);
+    t.FreeRow(30);
     EXPECT_EQ(t.FindByIp("10.0.0.1"), 9);
     EXPECT_EQ(t.FindByIpPort("10.0.0.1", 1040), 40);
     EXPECT_EQ(t.FindByIpPort("10.0.0.1", 5), -1);

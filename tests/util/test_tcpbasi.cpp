@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
+#include <string>
 
 #include "UnitFixture.h"
 #include "util/SysTcpBasi.h"
@@ -60,6 +62,21 @@ TEST_F(TcpBasiTest, AcceptGivesPeerAndTheAskedFlags) {
     EXPECT_EQ(iPort, port);
     EXPECT_NE(fcntl(nb, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(nb, F_GETFD) & FD_CLOEXEC, 0) << "inherited like a plain accept's";
+
+    // The peer text as inet_ntop gives it, for octets of one to three digits.
+    for (const char* from : {"127.0.10.200", "127.255.0.9", "127.100.99.1"}) {
+        int fd = Keep(socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        ASSERT_EQ(inet_pton(AF_INET, from, &sa.sin_addr), 1);
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0) << from;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sa.sin_port = htons(static_cast<uint16_t>(comptest::LocalPort(lsn)));
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+        std::memset(caIp, 'x', sizeof caIp);
+        ASSERT_GE(Keep(SockAcceptInfoFlags(lsn, caIp, &iPort, 0)), 0);
+        EXPECT_EQ(std::string(caIp, 16), std::string(from) + std::string(16 - std::strlen(from), '\0'));
+    }
 
     ASSERT_EQ(iNoblockFd(lsn), 0);
     EXPECT_EQ(SockAcceptInfoFlags(lsn, caIp, &iPort, SOCK_NONBLOCK), -1) << "nobody waits";
