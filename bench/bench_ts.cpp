@@ -5,7 +5,7 @@
 //
 //   bench_ts [--comp PATH] [--seconds S] [--rounds N] [--warmup S]
 //            [--clients 1,16] [--levels 3,1] [--idle S] [--body BYTES]
-//            [--syscalls] [--no-freeze] [--keep]
+//            [--syscalls] [--profile] [--no-freeze] [--keep]
 //
 // Every round runs the three relays one after the other, so that all see the
 // same machine; only the ratios of one run mean anything on a shared 2-core
@@ -49,6 +49,21 @@ extern "C" void OnBenchStop(int) { g_stop = 1; }
 
 constexpr int kReadyTimeoutMs = 10000;
 constexpr int kQuitGraceMs = 3000;
+constexpr int kPerfGraceMs = 10000;
+
+// perf by the PATH (children are started with execv); empty when missing.
+std::string PerfPath() {
+    const char* path = std::getenv("PATH");
+    std::string dirs = path ? path : "/usr/bin:/bin";
+    for (size_t pos = 0; pos <= dirs.size();) {
+        size_t colon = dirs.find(':', pos);
+        std::string dir = dirs.substr(pos, colon == std::string::npos ? std::string::npos : colon - pos);
+        if (!dir.empty() && access((dir + "/perf").c_str(), X_OK) == 0) return dir + "/perf";
+        if (colon == std::string::npos) break;
+        pos = colon + 1;
+    }
+    return "";
+}
 
 struct Options {
     std::string compPath;
@@ -60,6 +75,7 @@ struct Options {
     double idleSeconds = 5.0;
     int bodyBytes = 32;
     bool syscalls = false;
+    bool profile = false;
     bool freeze = true;
     bool keep = false;
 };
@@ -67,7 +83,8 @@ struct Options {
 void Usage() {
     std::fprintf(stderr,
                  "usage: bench_ts [--comp PATH] [--seconds S] [--rounds N] [--warmup S] [--clients 1,16]\n"
-                 "                [--levels 3,1] [--idle S] [--body BYTES] [--syscalls] [--no-freeze] [--keep]\n");
+                 "                [--levels 3,1] [--idle S] [--body BYTES] [--syscalls] [--profile]\n"
+                 "                [--no-freeze] [--keep]\n");
 }
 
 std::optional<std::vector<int>> IntList(const std::string& text) {
@@ -111,6 +128,7 @@ bool ParseOptions(int argc, char** argv, Options* o) {
         else if (a == "--clients" && (s = value()) && (list = IntList(*s))) o->clients = *list;
         else if (a == "--levels" && (s = value()) && (list = IntList(*s))) o->levels = *list;
         else if (a == "--syscalls") o->syscalls = true;
+        else if (a == "--profile") o->profile = true;
         else if (a == "--no-freeze") o->freeze = false;
         else if (a == "--keep") o->keep = true;
         else return false;
@@ -224,6 +242,7 @@ enum RelayIdx { kCompFixed = 0, kCompDeadline = 1, kBaseline = 2 };
 constexpr int kRelayCount = 3;
 constexpr const char* kRelayName[kRelayCount] = {"comp fixed", "comp deadline", "baseline"};
 constexpr const char* kRatioName[kBaseline] = {"fixed/base", "deadline/base"};
+constexpr const char* kRelayTag[kRelayCount] = {"fixed", "deadline", "baseline"};
 
 struct RunMetrics {
     double rate = 0, p50 = 0, p99 = 0;
@@ -290,42 +309,101 @@ RunMetrics MeasureRun(const Options& opt, int clients, const Sides& sides, int m
     return m;
 }
 
-// System calls per exchange of one relay, counted by `perf trace -s`
-// attached during an extra, unmeasured run (tracing slows the relay down).
-// Divided by the successful accepts, which are the exchanges the relay
-// served while it was traced. Empty when perf cannot trace here.
-std::map<std::string, double> CountSyscalls(const Options& opt, Children& kids, int clients, const Sides& sides,
-                                            int measured, const std::string& runDir, const std::string& request) {
+// One extra, unmeasured run of a relay with a perf tool attached to it
+// (tracing and sampling slow the relay down). perf is given time to attach
+// before the load starts and is stopped with SIGINT afterwards, when it
+// writes its output. False when perf could not be started.
+bool PerfRun(const Options& opt, Children& kids, int clients, const Sides& sides, int measured,
+             const std::string& runDir, const std::string& request, const std::vector<std::string>& perfArgs) {
     constexpr int kAttachMs = 1500;
-    const std::string out = runDir + "/log/perf_trace_" + std::to_string(sides[measured].pid) + ".txt";
+    static const std::string perfPath = PerfPath();
+    if (perfPath.empty()) return false;
+    std::vector<std::string> argv{perfPath};
+    argv.insert(argv.end(), perfArgs.begin(), perfArgs.end());
+    argv.insert(argv.end(), {"-p", std::to_string(sides[measured].pid)});
     std::string why;
     Freeze(opt, sides, measured);
-    pid_t perf = kids.Start("perf trace",
-                            {"/usr/bin/perf", "trace", "-s", "-p", std::to_string(sides[measured].pid), "-o", out},
-                            runDir + "/log/perf_trace.out", &why);
-    std::map<std::string, double> perExch;
+    pid_t perf = kids.Start("perf", argv, runDir + "/log/perf.out", &why);
     if (perf > 0) {
         kit::SleepMs(kAttachMs);
         Load(clients, sides[measured].port, opt.seconds, request);
         kill(perf, SIGINT);
         int status = 0;
-        if (!kit::WaitChild(perf, kQuitGraceMs * 3, &status)) kids.Stop(perf);
-        else kids.Forget(perf);
-        auto tally = bench::ParsePerfTraceSummary(kit::ReadWholeFile(out).value_or(""));
-        uint64_t accepted = 0;
-        for (const char* name : {"accept", "accept4"})
-            if (tally.count(name)) accepted += tally[name].calls - tally[name].errors;
-        for (const auto& [name, t] : tally)
-            if (accepted > 0) perExch[name] = static_cast<double>(t.calls) / static_cast<double>(accepted);
+        if (kit::WaitChild(perf, kPerfGraceMs, &status))
+            kids.Forget(perf);
+        else
+            kids.Stop(perf);
     }
     Thaw(opt, sides);
+    return perf > 0;
+}
+
+// System calls per exchange of one relay, counted by `perf trace -s` and
+// divided by the successful accepts, which are the exchanges the relay served
+// while it was traced. Empty when perf cannot trace here.
+std::map<std::string, double> CountSyscalls(const Options& opt, Children& kids, int clients, const Sides& sides,
+                                            int measured, const std::string& runDir, const std::string& request) {
+    const std::string out = runDir + "/log/perf_trace_" + std::to_string(sides[measured].pid) + ".txt";
+    std::map<std::string, double> perExch;
+    if (!PerfRun(opt, kids, clients, sides, measured, runDir, request, {"trace", "-s", "-o", out})) return perExch;
+    auto tally = bench::ParsePerfTraceSummary(kit::ReadWholeFile(out).value_or(""));
+    uint64_t accepted = 0;
+    for (const char* name : {"accept", "accept4"})
+        if (tally.count(name)) accepted += tally[name].calls - tally[name].errors;
+    for (const auto& [name, t] : tally)
+        if (accepted > 0) perExch[name] = static_cast<double>(t.calls) / static_cast<double>(accepted);
     return perExch;
+}
+
+// A CPU profile of one relay (`perf record -g`, sampling the cpu-clock,
+// which needs no hardware counters), kept in the run directory. Listed are
+// its user-space functions with the time spent in them and below them: a
+// system call's wrapper in libc thus carries the kernel's work for that call.
+// (Kernel time by itself lands mostly on the hypervisor's interrupt-enable
+// path on this machine, which says nothing about its cause.) Entries that
+// spend nothing in themselves are left out: the relays are built without
+// frame pointers, so callers above libc are not known reliably.
+std::string Profile(const Options& opt, Children& kids, int clients, const Sides& sides, int measured,
+                    const std::string& runDir, const std::string& request, const std::string& tag) {
+    constexpr int kTopLines = 18;
+    const std::string data = runDir + "/log/perf_" + tag + ".data";
+    if (!PerfRun(opt, kids, clients, sides, measured, runDir, request,
+                 {"record", "-q", "-e", "cpu-clock", "-g", "-o", data}))
+        return "";
+    const std::string text = runDir + "/log/perf_" + tag + ".txt";
+    std::string why;
+    pid_t report = kids.Start("perf report",
+                              {PerfPath(), "report", "-i", data, "--stdio", "--children", "--sort", "dso,sym", "-g",
+                               "none", "--percent-limit", "0.3"},
+                              text, &why);
+    int status = 0;
+    if (report <= 0 || !kit::WaitChild(report, kPerfGraceMs * 4, &status)) {
+        if (report > 0) kids.Stop(report);
+        return "";
+    }
+    kids.Forget(report);
+    std::string top = "    with-callees  self  object  function\n";
+    int lines = 0;
+    std::string all = kit::ReadWholeFile(text).value_or("");
+    for (size_t pos = 0; pos < all.size() && lines < kTopLines;) {
+        size_t eol = all.find('\n', pos);
+        std::string line = all.substr(pos, eol == std::string::npos ? std::string::npos : eol - pos);
+        pos = eol == std::string::npos ? all.size() : eol + 1;
+        double children = 0, self = 0;
+        if (line.empty() || line[0] == '#' || line.find("[.]") == std::string::npos ||
+            std::sscanf(line.c_str(), " %lf%% %lf%%", &children, &self) != 2 || self <= 0)
+            continue;
+        top += "    " + line + "\n";
+        ++lines;
+    }
+    return top;
 }
 
 using ResultKey = std::pair<int, int>;   // LOG_LEVEL, clients
 struct Series {
     std::array<std::vector<RunMetrics>, kRelayCount> runs;   // one per round
     std::array<std::map<std::string, double>, kRelayCount> syscalls;
+    std::array<std::string, kRelayCount> profile;   // top entries
 };
 
 struct Results {
@@ -448,6 +526,17 @@ void PrintSyscalls(const Results& results) {
     }
 }
 
+void PrintProfiles(const Results& results) {
+    for (const ResultKey& key : results.done()) {
+        const Series& s = results.series.at(key);
+        for (int i = 0; i < kRelayCount; ++i)
+            if (!s.profile[i].empty())
+                std::printf("\nProfile of %s, LOG_LEVEL %d, %d client%s (perf record -e cpu-clock -g; user-space "
+                            "functions with the kernel work below them)\n%s",
+                            kRelayName[i], key.first, key.second, key.second == 1 ? "" : "s", s.profile[i].c_str());
+    }
+}
+
 // The targets of the short-connection server path at LOG_LEVEL 3, as ratios
 // to the baseline of the same rounds.
 constexpr int kTargetLevel = 3;
@@ -524,8 +613,10 @@ pid_t StartComp(Children& kids, BenchPlatform& plat, const Options& opt, int lev
         return -1;
     }
     if (HoldsPidfd(pid) != deadline)
-        std::printf("bench_ts: warning: comp pid %d %s a parent pidfd: is it in the %s wait?\n", static_cast<int>(pid),
-                    deadline ? "holds no" : "holds", deadline ? "deadline" : "fixed");
+        std::printf("bench_ts: warning: comp pid %d, started in the %s wait, %s\n", static_cast<int>(pid),
+                    deadline ? "deadline" : "fixed",
+                    deadline ? "watches no parent pidfd (it looks at its parent once a second)"
+                             : "watches a parent pidfd");
     return pid;
 }
 
@@ -539,9 +630,10 @@ void MeasureIdle(const Options& opt, Children& kids, BenchPlatform& plat, int le
         const bool deadline = instance == 2;
         std::string why;
         const std::string inst = std::to_string(instance);
-        pid_t tc = StartComp(kids, plat, opt, level, deadline, {"SysTCPTC", tcRoute, inst, "0", "TC" + tcRoute + "_" + inst},
-                             [&](pid_t) { return "2_" + tcRoute + "_" + inst; },
-                             runDir + "/log/comp_tc" + inst + ".out", &why);
+        pid_t tc = StartComp(kids, plat, opt, level, deadline,
+                             {"SysTCPTC", tcRoute, inst, "0", "TC" + tcRoute + "_" + inst},
+                             [&](pid_t) { return "2_" + tcRoute + "_" + inst; }, runDir + "/log/comp_tc" + inst + ".out",
+                             &why);
         if (tc <= 0) {
             std::printf("\nIdle CPU: the TC instance (%s wait) did not start: %s\n%s", deadline ? "deadline" : "fixed",
                         why.c_str(), Tail(runDir + "/log/comp_tc" + inst + ".out").c_str());
@@ -617,7 +709,8 @@ int RunBench(const Options& opt) {
             int relay;
             int route;
             int port;
-        } comps[] = {{kCompFixed, routes.tsRoute, routes.tsPort}, {kCompDeadline, routes.tsDeadlineRoute, routes.tsDeadlinePort}};
+        } comps[] = {{kCompFixed, routes.tsRoute, routes.tsPort},
+                     {kCompDeadline, routes.tsDeadlineRoute, routes.tsDeadlinePort}};
         std::string outs[kBaseline];
         for (const auto& c : comps) {
             const std::string route = std::to_string(c.route);
@@ -662,6 +755,11 @@ int RunBench(const Options& opt) {
             if (opt.syscalls && !g_stop)
                 for (int i = 0; i < kRelayCount; ++i)
                     s.syscalls[i] = CountSyscalls(opt, kids, clients, sides, i, runDir, request);
+            if (opt.profile && !g_stop)
+                for (int i = 0; i < kRelayCount; ++i)
+                    s.profile[i] = Profile(opt, kids, clients, sides, i, runDir, request,
+                                           std::string(kRelayTag[i]) + "_L" + std::to_string(level) + "_c" +
+                                               std::to_string(clients));
         }
         if (!idleDone && !g_stop && opt.idleSeconds > 0) {
             MeasureIdle(opt, kids, plat, level, sides);
@@ -688,6 +786,7 @@ int RunBench(const Options& opt) {
     if (!results.done().empty()) {
         PrintTable(opt, results);
         PrintSyscalls(results);
+        PrintProfiles(results);
         PrintVerdicts(results);
     }
     std::printf("\nbench_ts: %.0f s in all; load average at the end: %s\n",

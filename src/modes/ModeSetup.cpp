@@ -97,8 +97,10 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
     // With the peer from the accept, the accept also makes the connection
     // non-blocking (one call less than iNoblockFd afterwards).
     const bool nonBlockByAccept = stSpec.bNonBlock && !stSpec.bPeerByGetpeer;
-    a.fd.reset(stSpec.bPeerByGetpeer ? iSockAccept(iListenFd)
-                                     : SockAcceptInfoFlags(iListenFd, a.ip, &a.port, nonBlockByAccept ? SOCK_NONBLOCK : 0));
+    if (stSpec.bPeerByGetpeer)
+        a.fd.reset(iSockAccept(iListenFd));
+    else
+        a.fd.reset(SockAcceptInfoFlags(iListenFd, a.ip, &a.port, nonBlockByAccept ? SOCK_NONBLOCK : 0));
     a.err = errno;
     if (SysTellCommonp(g_stMsgQCntl[kQueueCommonp].iId, static_cast<int>(kCommonpAccepted)) != 0) {
         a.outcome = AcceptOutcome::kReportFailed;
