@@ -19,9 +19,11 @@ for bin in "$compkit" "$comp"; do
 done
 
 # A scratch run directory: etc/ (configuration), log/, fifo/, and runs/ for
-# HOME (plug-ins, connection logs). FIFO paths must stay under 128 bytes.
+# HOME (plug-ins, connection logs). The sys.cfg reader takes paths of at most
+# 99 bytes, so RUNDIR may have 87 characters (FIFO paths, under 128 bytes,
+# allow more).
 run="$build/example-run"
-if [ $(( ${#run} + 32 )) -ge 128 ]; then
+if [ ${#run} -gt 87 ]; then
   run=$(mktemp -d /tmp/compkit-run.XXXXXX)
 fi
 if [ -f "$run/compkit.objects" ]; then
@@ -71,4 +73,9 @@ Status: $compkit status $run
 Ctrl-C stops everything.
 
 EOT
+# Ctrl-C is the normal way out. With job control the supervisor gets the
+# terminal to itself, so the Ctrl-C reaches it alone (not make, not this
+# script): it stops every process, takes the platform down and ends with
+# status 0, and so do this script and make.
+if [ -t 0 ]; then set -m; fi
 "$compkit" run "$run"

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <vector>
 
 extern "C" {
 char g_caMsg[2048];
@@ -47,6 +48,17 @@ ProcState InitialState() {
 
 ProcState g_stProcState = InitialState();
 
+namespace {
+// Filled during static initialisation, so a function-local vector avoids
+// depending on the order in which the layers' objects are initialised.
+std::vector<void (*)()>& Resets() {
+    static std::vector<void (*)()> v;
+    return v;
+}
+}  // namespace
+
+void comp::RegisterProcessReset(void (*pfReset)()) { Resets().push_back(pfReset); }
+
 namespace comp {
 pid_t OwnPid() {
     pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
@@ -60,6 +72,7 @@ pid_t OwnPid() {
 }  // namespace comp
 
 void SysResetGlobals() {
+    for (auto* reset : Resets()) reset();
     std::memset(g_caMsg, 0, sizeof g_caMsg);
     std::memset(&g_stCommCfgValue, 0, sizeof g_stCommCfgValue);
     std::memset(g_stMsgQCntl, 0, sizeof g_stMsgQCntl);

@@ -6,9 +6,11 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <set>
+#include <thread>
 #include <sstream>
 
 #include "Platform.h"
@@ -205,6 +207,39 @@ TEST(TablesCfg, bad_lines_are_reported_with_their_line_number) {
     }
 }
 
+TEST(CompkitCommandLine, help_prints_the_usage_and_mistakes_say_what_is_wrong_first) {
+    comptest::TempRunDir run;
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string first;   // the output's first line begins so
+    } cases[] = {
+        {{"help"}, 0, "usage: compkit"},
+        {{"--help"}, 0, "usage: compkit"},
+        {{"-h"}, 0, "usage: compkit"},
+        {{}, 2, "compkit: no subcommand given"},
+        {{"start", run.path()}, 2, "compkit: unknown subcommand 'start'"},
+        {{"up"}, 2, "compkit: up needs the run directory"},
+        {{"status", run.file("nowhere")}, 2, "compkit: the run directory " + run.file("nowhere") + " does not exist"},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        kit::SpawnOptions plan;
+        plan.path = comptest::CompkitBinary();
+        plan.argv = {plan.path};
+        plan.argv.insert(plan.argv.end(), c.args.begin(), c.args.end());
+        plan.outputPath = run.file("log/compkit" + std::to_string(++n) + ".out");
+        std::string why;
+        const pid_t pid = kit::Spawn(plan, &why);
+        int status = -1;
+        ASSERT_TRUE(kit::WaitChild(pid, 5000, &status)) << why;
+        const std::string out = comptest::ReadFile(plan.outputPath);
+        EXPECT_EQ(WEXITSTATUS(status), c.status) << out;
+        EXPECT_EQ(out.rfind(c.first, 0), 0u) << out;
+        EXPECT_NE(out.find("usage: compkit"), std::string::npos) << out;
+    }
+}
+
 class SupervisorTest : public comptest::PlatformTest {
 protected:
     void TearDown() override {
@@ -279,6 +314,54 @@ TEST_F(SupervisorTest, restarts_a_killed_instance_and_stops_all_on_sigterm) {
     for (pid_t pid : all) EXPECT_FALSE(kit::ProcessAlive(pid)) << pid;
     EXPECT_LT(QueueId(comp::kQueueCommonp), 0) << "the platform was taken down";
     for (const auto& e : fs::directory_iterator(run.file("fifo"))) EXPECT_FALSE(e.is_fifo()) << e.path();
+}
+
+TEST_F(SupervisorTest, two_clients_at_once_through_a_relay_to_two_tc_instances_each_get_their_own_answers) {
+    const int tsPort = comptest::FreeLoopbackPort(), echoPort = comptest::FreeLoopbackPort();
+    comptest::PlatformSetup setup;
+    setup.routes = {comptest::MakeRouteRow(10, "127.0.0.1:" + std::to_string(tsPort), "0"),
+                    comptest::MakeRouteRow(20, "127.0.0.1:" + std::to_string(echoPort), "1")};
+    StartPlatform(setup);
+    run.write("etc/compkit.cfg",
+              "route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\ninstance 10 1\ninstance 20 1\ninstance 20 2\n");
+    std::string why;
+    kit::SpawnOptions echo;
+    echo.path = comptest::CompkitBinary();
+    echo.argv = {echo.path, "echo-server", "127.0.0.1:" + std::to_string(echoPort), "--frame", "4,0,4,0",
+                 "--prefix", "echo: "};
+    echo.outputPath = run.file("log/echo.out");
+    const pid_t echoPid = kit::Spawn(echo, &why);
+    ASSERT_GT(echoPid, 0) << why;
+    kit::SpawnOptions plan;
+    plan.path = comptest::CompkitBinary();
+    plan.argv = {plan.path, "run", run.path()};
+    plan.outputPath = run.file("log/run.out");
+    ASSERT_GT(supervisor = kit::Spawn(plan, &why), 0) << why;
+    // Both TC instances wait on their doorbells.
+    for (int i = 0; i < 500 && !(fs::exists(run.file("fifo/2_20_1")) && fs::exists(run.file("fifo/2_20_2"))); ++i)
+        kit::SleepMs(20);
+
+    constexpr int kEach = 25;
+    std::atomic<int> ready{0};
+    std::vector<std::string> wrong[2];
+    auto client = [&](int who) {
+        ++ready;
+        while (ready < 2) std::this_thread::yield();
+        for (int i = 0; i < kEach; ++i) {
+            const std::string body = "client" + std::to_string(who) + "-" + std::to_string(i);
+            comp::UniqueFd s = comptest::Connect(tsPort);
+            const bool sent = comptest::Send(s.get(), comptest::Frame(body));
+            const std::string got = sent ? comptest::ReadFrame(s.get(), 10000) : "";
+            if (got != comptest::Frame("echo: " + body)) wrong[who].push_back(body + " got [" + got + "]");
+        }
+    };
+    std::thread first(client, 0), second(client, 1);
+    first.join();
+    second.join();
+    kit::StopChild(echoPid, 3000);
+    EXPECT_TRUE(wrong[0].empty() && wrong[1].empty())
+        << wrong[0].size() + wrong[1].size() << " wrong, e.g. " << (wrong[0].empty() ? wrong[1] : wrong[0]).front()
+        << "\n" << Output();
 }
 
 }  // namespace

@@ -111,24 +111,6 @@ bool SendAll(int fd, const std::vector<char>& data) {
     return true;
 }
 
-// The largest value the length field can carry.
-long MaxLengthValue(const Framing& f) {
-    if (f.lenType == '2') return 65535L;
-    if (f.lenType != '0') return 4294967295L;
-    long max = 1;
-    for (int i = 0; i < f.lenWidth; ++i) max *= 10;  // width is at most 10
-    return max - 1;
-}
-
-bool BodyFits(const Framing& f, size_t bodyLen, std::string* why) {
-    const long value = static_cast<long>(bodyLen) - f.adjust;
-    if (value < 0 || value > MaxLengthValue(f) || static_cast<long>(bodyLen) + f.headerLen > 65535) {
-        *why = "a body of " + std::to_string(bodyLen) + " bytes does not fit this framing";
-        return false;
-    }
-    return true;
-}
-
 std::atomic<bool> g_netStop{false};
 extern "C" void OnNetSignal(int) { g_netStop = true; }
 
@@ -203,7 +185,7 @@ int RunSend(const std::vector<std::string>& args) {
     }
     std::string body;
     for (size_t i = 0; i < a.words.size(); ++i) body += (i ? " " : "") + a.words[i];
-    if (!BodyFits(a.framing, body.size(), &why)) {
+    if (!a.framing.fits(body.size(), &why)) {
         std::fprintf(stderr, "compkit send: %s\n", why.c_str());
         return 2;
     }
@@ -297,9 +279,17 @@ int RunEchoServer(const std::vector<std::string>& args) {
             while (auto m = c.reader.next(&bad)) {
                 const int hl = a.framing.headerLen;
                 std::string body = a.prefix + std::string(m->data() + hl, m->size() - static_cast<size_t>(hl));
-                std::vector<char> out = a.framing.encode(body, std::string_view(m->data(), static_cast<size_t>(hl)));
                 std::printf("%s echo-server: %s sent %s\n", ClockText().c_str(), c.peer.c_str(),
                             Describe(a.framing, *m).c_str());
+                // A length field that cannot hold the answer's length would
+                // lie about it: no answer, and the connection is closed.
+                if (std::string tooLong; !a.framing.fits(body.size(), &tooLong)) {
+                    std::printf("%s echo-server: %s not answered: %s\n", ClockText().c_str(), c.peer.c_str(),
+                                tooLong.c_str());
+                    closeIt = true;
+                    break;
+                }
+                std::vector<char> out = a.framing.encode(body, std::string_view(m->data(), static_cast<size_t>(hl)));
                 if (!SendAll(fds[i].fd, out)) closeIt = true;
             }
             if (bad) {

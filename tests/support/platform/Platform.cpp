@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <cstdio>
 #include <filesystem>
+#include <random>
 #include <sstream>
 
 #include "base/SysGlobals.h"
@@ -67,7 +69,25 @@ std::string TablesCfgText(const PlatformSetup& setup) {
 }
 }  // namespace
 
+// Ports for listeners that a test binds later are taken below the kernel's
+// ephemeral range: the many connections of tests running in parallel take
+// their local ports from that range and would otherwise sometimes hold a
+// port between the moment it is found free and the moment it is bound.
 int FreeLoopbackPort() {
+    int low = 32768;
+    if (FILE* f = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r")) {
+        if (std::fscanf(f, "%d", &low) != 1) low = 32768;
+        std::fclose(f);
+    }
+    constexpr int kFirst = 10000;
+    if (low - kFirst >= 1000) {
+        static std::mt19937 pick(static_cast<unsigned>(getpid()) * 7919u + static_cast<unsigned>(time(nullptr)));
+        std::uniform_int_distribution<int> in(kFirst, low - 1);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            int port = in(pick);
+            if (Listen(&port).valid()) return port;
+        }
+    }
     int port = 0;
     Listen(&port);
     return port;
@@ -207,9 +227,14 @@ std::vector<std::string> PlatformTest::FastClock(int speed) {
     for (const char* lib : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/aarch64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/faketime/libfaketime.so.1"})
-        if (access(lib, R_OK) == 0)
+        if (access(lib, R_OK) == 0) {
+            // Under AddressSanitizer the preloaded library comes before its
+            // runtime, which it accepts when told so.
+            const char* asan = getenv("ASAN_OPTIONS");
             return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed),
-                    "FAKETIME_DONT_RESET=1"};
+                    "FAKETIME_DONT_RESET=1",
+                    std::string("ASAN_OPTIONS=") + (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0"};
+        }
     return {};
 }
 
@@ -217,7 +242,8 @@ size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::
                                int inheritFd) {
     CompProc p;
     p.procName = args.size() >= 5 ? args[4] : "";
-    p.outputPath = run.file("log/comp_" + std::to_string(comps_.size()) + ".out");
+    // Beside log/, not in it: a test may start comp before log/ exists.
+    p.outputPath = run.file("comp_" + std::to_string(comps_.size()) + ".out");
     kit::SpawnOptions plan;
     plan.path = CompBinary();
     plan.argv.push_back(plan.path);
@@ -276,8 +302,11 @@ void PlatformTest::CheckLogsClean() {
 
 std::string PlatformTest::AllLogs() const {
     std::string all;
-    for (const auto& e : std::filesystem::directory_iterator(run.file("log")))
-        all += "==> " + e.path().filename().string() + "\n" + ReadFile(e.path().string());
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"), ec)) files.push_back(e.path());
+    for (size_t i = 0; i < comps_.size(); ++i) files.emplace_back(comps_[i].outputPath);
+    for (const auto& f : files) all += "==> " + f.filename().string() + "\n" + ReadFile(f.string());
     return all;
 }
 

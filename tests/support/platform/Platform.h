@@ -83,7 +83,7 @@ protected:
     std::string CompOutput(size_t i) const;
     // Today's trace log of comp i: $RUNDIR/log/com_<procname>_<pid>_<YYYYMMDD>.log.
     std::string CompTraceLog(size_t i) const;
-    // Everything under $RUNDIR/log (error logs included).
+    // Everything under $RUNDIR/log (error logs included) and comp's output.
     std::string AllLogs() const;
     // A line with "fatal" (or in fatalerr.log) that holds `text` is expected;
     // any other fails the test at its end.
