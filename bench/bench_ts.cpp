@@ -312,30 +312,40 @@ RunMetrics MeasureRun(const Options& opt, int clients, const Sides& sides, int m
 // One extra, unmeasured run of a relay with a perf tool attached to it
 // (tracing and sampling slow the relay down). perf is given time to attach
 // before the load starts and is stopped with SIGINT afterwards, when it
-// writes its output. False when perf could not be started.
-bool PerfRun(const Options& opt, Children& kids, int clients, const Sides& sides, int measured,
-             const std::string& runDir, const std::string& request, const std::vector<std::string>& perfArgs) {
+// writes its output. The exchanges of the run, or nothing when perf could not
+// be started.
+std::optional<uint64_t> PerfRun(const Options& opt, Children& kids, int clients, const Sides& sides, int measured,
+                                const std::string& runDir, const std::string& request,
+                                const std::vector<std::string>& perfArgs) {
     constexpr int kAttachMs = 1500;
     static const std::string perfPath = PerfPath();
-    if (perfPath.empty()) return false;
+    if (perfPath.empty()) return std::nullopt;
     std::vector<std::string> argv{perfPath};
     argv.insert(argv.end(), perfArgs.begin(), perfArgs.end());
     argv.insert(argv.end(), {"-p", std::to_string(sides[measured].pid)});
     std::string why;
     Freeze(opt, sides, measured);
     pid_t perf = kids.Start("perf", argv, runDir + "/log/perf.out", &why);
+    std::optional<uint64_t> exchanges;
     if (perf > 0) {
+        // The relay is stopped outside the load, so that what perf sees is
+        // the load's work only (a relay in the fixed wait works when idle).
+        const pid_t relay = sides[measured].pid;
+        kill(relay, SIGSTOP);
         kit::SleepMs(kAttachMs);
-        Load(clients, sides[measured].port, opt.seconds, request);
+        kill(relay, SIGCONT);
+        exchanges = Load(clients, sides[measured].port, opt.seconds, request).exchanges;
+        kill(relay, SIGSTOP);
         kill(perf, SIGINT);
         int status = 0;
         if (kit::WaitChild(perf, kPerfGraceMs, &status))
             kids.Forget(perf);
         else
             kids.Stop(perf);
+        kill(relay, SIGCONT);
     }
     Thaw(opt, sides);
-    return perf > 0;
+    return exchanges;
 }
 
 // System calls per exchange of one relay, counted by `perf trace -s` and
@@ -359,6 +369,8 @@ std::map<std::string, double> CountSyscalls(const Options& opt, Children& kids, 
 // which needs no hardware counters), kept in the run directory. Listed are
 // its user-space functions with the time spent in them and below them: a
 // system call's wrapper in libc thus carries the kernel's work for that call.
+// Each share is also given in microseconds per exchange, so that profiles of
+// different relays and builds compare directly.
 // (Kernel time by itself lands mostly on the hypervisor's interrupt-enable
 // path on this machine, which says nothing about its cause.) Entries that
 // spend nothing in themselves are left out: the relays are built without
@@ -367,9 +379,9 @@ std::string Profile(const Options& opt, Children& kids, int clients, const Sides
                     const std::string& runDir, const std::string& request, const std::string& tag) {
     constexpr int kTopLines = 18;
     const std::string data = runDir + "/log/perf_" + tag + ".data";
-    if (!PerfRun(opt, kids, clients, sides, measured, runDir, request,
-                 {"record", "-q", "-e", "cpu-clock", "-g", "-o", data}))
-        return "";
+    const std::optional<uint64_t> exchanges = PerfRun(opt, kids, clients, sides, measured, runDir, request,
+                                                      {"record", "-q", "-e", "cpu-clock", "-g", "-o", data});
+    if (!exchanges || *exchanges == 0) return "";
     const std::string text = runDir + "/log/perf_" + tag + ".txt";
     std::string why;
     pid_t report = kids.Start("perf report",
@@ -382,18 +394,26 @@ std::string Profile(const Options& opt, Children& kids, int clients, const Sides
         return "";
     }
     kids.Forget(report);
-    std::string top = "    with-callees  self  object  function\n";
+    const std::string all = kit::ReadWholeFile(text).value_or("");
+    // The sampled CPU time in nanoseconds: "# Event count (approx.): N".
+    double totalNs = 0;
+    const size_t at = all.find("Event count (approx.):");
+    if (at != std::string::npos) totalNs = std::strtod(all.c_str() + at + 22, nullptr);
+    const double usPerPct = totalNs / 1000.0 / 100.0 / static_cast<double>(*exchanges);
+    std::string top = "    with-callees  self     us/exch  object  function\n";
     int lines = 0;
-    std::string all = kit::ReadWholeFile(text).value_or("");
     for (size_t pos = 0; pos < all.size() && lines < kTopLines;) {
         size_t eol = all.find('\n', pos);
         std::string line = all.substr(pos, eol == std::string::npos ? std::string::npos : eol - pos);
         pos = eol == std::string::npos ? all.size() : eol + 1;
         double children = 0, self = 0;
+        int used = 0;
         if (line.empty() || line[0] == '#' || line.find("[.]") == std::string::npos ||
-            std::sscanf(line.c_str(), " %lf%% %lf%%", &children, &self) != 2 || self <= 0)
+            std::sscanf(line.c_str(), " %lf%% %lf%%%n", &children, &self, &used) != 2 || self <= 0)
             continue;
-        top += "    " + line + "\n";
+        char head[64];
+        std::snprintf(head, sizeof head, "    %8.2f%% %7.2f%% %8.2f", children, self, children * usPerPct);
+        top += head + line.substr(static_cast<size_t>(used)) + "\n";
         ++lines;
     }
     return top;
