@@ -716,7 +716,8 @@ int RunBench(const Options& opt) {
                 routes.tsPort, routes.tsDeadlineRoute, routes.tsDeadlinePort, routes.baseRoute, routes.basePort,
                 request.size(), opt.rounds, opt.seconds, opt.warmup,
                 opt.freeze ? "frozen (SIGSTOP) during each run" : "left running");
-    std::printf("  load average at the start: %s\n", LoadAverage().c_str());
+    const std::string loadAtStart = LoadAverage();
+    std::printf("  load average at the start: %s\n", loadAtStart.c_str());
 
     Results results;
     bool idleDone = false;
@@ -811,6 +812,14 @@ int RunBench(const Options& opt) {
     }
     std::printf("\nbench_ts: %.0f s in all; load average at the end: %s\n",
                 static_cast<double>(kit::NowMs() - benchStart) / 1000.0, LoadAverage().c_str());
+    // Other work on the machine takes turns with the relays, the router and
+    // the clients, and a relay that waits for a wake-up loses most.
+    const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+    const double busiest = std::max(std::atof(loadAtStart.c_str()), std::atof(LoadAverage().c_str()));
+    if (cores > 0 && busiest > static_cast<double>(cores))
+        std::printf("bench_ts: the machine was busy (load average up to %.1f on %ld cores): exchange rates, latencies "
+                    "and their ratios swing with the other work; the CPU and system calls per exchange hold better\n",
+                    busiest, cores);
     if (opt.keep) std::printf("bench_ts: logs kept in %s\n", runDir.c_str());
     return status;
 }

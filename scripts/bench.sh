@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
-# server path against a minimal baseline relay, about 2.5 minutes with its
-# defaults) and bench_micro (the per-message routines) when it was built.
+# server path in both wait styles against a minimal baseline relay, about 3.5
+# minutes with its defaults) and bench_micro (the per-message routines) when
+# it was built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
