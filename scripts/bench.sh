@@ -24,6 +24,6 @@ if [ -x "$micro" ]; then
   "$micro" --benchmark_min_time=0.2 ${BENCH_MICRO_ARGS:-} || status=$?
   echo
 fi
-echo "== bench_ts: comp SysTCPTS against the baseline relay"
+echo "== bench_ts: comp SysTCPTS in both wait styles against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
 exit $status
