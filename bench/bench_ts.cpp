@@ -368,13 +368,13 @@ std::map<std::string, double> CountSyscalls(const Options& opt, Children& kids, 
 // A CPU profile of one relay (`perf record -g`, sampling the cpu-clock,
 // which needs no hardware counters), kept in the run directory. Listed are
 // its user-space functions with the time spent in them and below them: a
-// system call's wrapper in libc thus carries the kernel's work for that call.
-// Each share is also given in microseconds per exchange, so that profiles of
-// different relays and builds compare directly.
-// (Kernel time by itself lands mostly on the hypervisor's interrupt-enable
-// path on this machine, which says nothing about its cause.) Entries that
-// spend nothing in themselves are left out: the relays are built without
-// frame pointers, so callers above libc are not known reliably.
+// system call's wrapper in libc thus carries the kernel's work for that call
+// (kernel time by itself lands mostly on a hypervisor's interrupt-enable
+// path, which says nothing about its cause). Entries that spend nothing in
+// themselves are left out: the relays are built without frame pointers, so
+// their callers above libc are not known reliably. Each share is also given
+// in microseconds per exchange, so that profiles of different relays and
+// builds compare directly.
 std::string Profile(const Options& opt, Children& kids, int clients, const Sides& sides, int measured,
                     const std::string& runDir, const std::string& request, const std::string& tag) {
     constexpr int kTopLines = 18;
@@ -452,7 +452,6 @@ double MedianOf(const std::vector<RunMetrics>& runs, double RunMetrics::*field) 
 // the lowest and highest of them.
 struct Spread {
     double median = 0, lo = 0, hi = 0;
-    int n = 0;
 };
 Spread PairedRatio(const Series& s, int relay, double RunMetrics::*field) {
     std::vector<double> v;
@@ -462,7 +461,7 @@ Spread PairedRatio(const Series& s, int relay, double RunMetrics::*field) {
         if (b[i].*field > 0) v.push_back(a[i].*field / b[i].*field);
     if (v.empty()) return {};
     auto [lo, hi] = std::minmax_element(v.begin(), v.end());
-    return Spread{bench::Median(v), *lo, *hi, static_cast<int>(v.size())};
+    return Spread{bench::Median(v), *lo, *hi};
 }
 
 std::string Show(const Spread& r) {
@@ -530,19 +529,21 @@ void PrintSyscalls(const Results& results) {
         for (const auto& tally : s.syscalls)
             for (const auto& [name, n] : tally)
                 if (n >= kShown) names[name] = 1;
+        constexpr int kWidth[kRelayCount] = {12, 14, 10};   // under the column names
         std::array<double, kRelayCount> total{};
         for (const auto& entry : names) {
             std::printf("%-16s", entry.first.c_str());
             for (int i = 0; i < kRelayCount; ++i) {
                 auto it = s.syscalls[i].find(entry.first);
-                std::printf(" %*.2f", i == kCompDeadline ? 14 : i == kCompFixed ? 12 : 10,
-                            it == s.syscalls[i].end() ? 0.0 : it->second);
+                std::printf(" %*.2f", kWidth[i], it == s.syscalls[i].end() ? 0.0 : it->second);
             }
             std::printf("\n");
         }
         for (int i = 0; i < kRelayCount; ++i)
             for (const auto& [name, n] : s.syscalls[i]) total[i] += n;
-        std::printf("%-16s %12.2f %14.2f %10.2f\n", "total", total[0], total[1], total[2]);
+        std::printf("%-16s", "total");
+        for (int i = 0; i < kRelayCount; ++i) std::printf(" %*.2f", kWidth[i], total[i]);
+        std::printf("\n");
     }
 }
 
@@ -620,8 +621,7 @@ bool HoldsPidfd(pid_t pid) {
 // (comp reads app.cfg once) and is written back to the fixed style after.
 pid_t StartComp(Children& kids, BenchPlatform& plat, const Options& opt, int level, bool deadline,
                 const std::vector<std::string>& args, const std::function<std::string(pid_t)>& readyFifo,
-                const std::string& out,
-                std::string* why) {
+                const std::string& out, std::string* why) {
     if (!plat.SetAppConfig(level, deadline, why)) return -1;
     std::vector<std::string> argv{opt.compPath};
     argv.insert(argv.end(), args.begin(), args.end());
