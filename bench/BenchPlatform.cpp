@@ -11,13 +11,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -66,10 +66,12 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-std::string RouteLine(int route, const char* name, const char* sndType, int port) {
+// A route row; upperPort 0 leaves IPPORTUPPER empty. An idle time-out of 0
+// keeps a forwarder's silent link (the bench measures one side at a time).
+std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0) {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s 30 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d\n", route, name,
-                  sndType, port);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s\n", route, name,
+                  sndType, idle, port, upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-");
     return line;
 }
 
@@ -79,23 +81,32 @@ std::string TablesCfgText(const BenchRoutes& r) {
         "[PLAT_STATICROUTEINF]\n"
         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT\n";
+        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT IPPORTUPPER\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tsDeadlineRoute, "bench-tsdl", "0", r.tsDeadlinePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 0, r.fwsPort);
+    s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
+    s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
     return s;
 }
 
 std::string KitCfgText(const BenchRoutes& r) {
+    // The router only answers; the listeners named for the FWS-form routes
+    // are the bench's own.
+    auto fws = [](int route, int port) {
+        return "route " + std::to_string(route) + " SysTCPFWS echo listen 127.0.0.1:" + std::to_string(port) + "\n";
+    };
     return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
            " SysTCPTS echo\n" + "route " + std::to_string(r.tsDeadlineRoute) + " SysTCPTS echo\n" + "route " +
-           std::to_string(r.tcRoute) + " SysTCPTC\n";
+           std::to_string(r.tcRoute) + " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
 }
 
-std::string AppCfgText(int logLevel, bool bDeadline) {
+std::string AppCfgText(int logLevel, bool deadline) {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + (bDeadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\nFTPSERVER 127.0.0.1\nFTPUSER bench\nFTPPWD bench\n" +
+           (deadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
 }
 
 }  // namespace
@@ -148,13 +159,11 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     envSet_ = true;
     kit::DirectLogs(runDir_, "bench");
 
-    routes_.tsPort = FreeLoopbackPort();
-    routes_.basePort = FreeLoopbackPort();
-    routes_.tsDeadlinePort = FreeLoopbackPort();
-    routes_.tcServerPort = FreeLoopbackPort();
-    std::vector<int> ports{routes_.tsPort, routes_.basePort, routes_.tsDeadlinePort, routes_.tcServerPort};
-    std::sort(ports.begin(), ports.end());
-    if (ports.front() <= 0 || std::adjacent_find(ports.begin(), ports.end()) != ports.end()) {
+    std::set<int> ports;
+    const auto wanted = {&routes_.tsPort,  &routes_.basePort, &routes_.tsDeadlinePort, &routes_.tcServerPort,
+                         &routes_.fwbPort, &routes_.fwsPort,  &routes_.pairFrontPort,  &routes_.pairUpperPort};
+    for (int* p : wanted) ports.insert(*p = FreeLoopbackPort());
+    if (*ports.begin() <= 0 || ports.size() != wanted.size()) {
         *why = "no free loopback ports";
         Destroy();
         return false;
@@ -197,8 +206,8 @@ void BenchPlatform::Destroy() {
     }
 }
 
-bool BenchPlatform::SetAppConfig(int logLevel, bool bDeadline, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, bDeadline), why);
+bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline), why);
 }
 
 void BenchPlatform::TrimLogs() const {

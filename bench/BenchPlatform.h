@@ -12,14 +12,22 @@ namespace bench {
 // The routes of the bench platform. Every route frames with a 4-byte header
 // holding the body length in decimal digits.
 struct BenchRoutes {
-    int tsRoute = 10;          // comp SysTCPTS in the fixed wait, echoed by the router
+    int tsRoute = 10;          // comp SysTCPTS (bench_ts: in the fixed wait), echoed by the router
     int baseRoute = 11;        // the baseline relay, echoed the same way
-    int tsDeadlineRoute = 12;  // comp SysTCPTS in the deadline wait, echoed the same way
+    int tsDeadlineRoute = 12;  // comp SysTCPTS in the deadline wait (bench_ts), echoed the same way
     int tcRoute = 20;          // comp SysTCPTC, only ever idle
     int tsPort = 0;            // loopback listen ports (0: picked free)
     int basePort = 0;
     int tsDeadlinePort = 0;
-    int tcServerPort = 0; // where TC would connect; nothing listens there
+    int tcServerPort = 0;      // where TC would connect; nothing listens there
+    // The forwarder pair (bench_fw): FWB's clients arrive on fwbPort, its
+    // link goes to FWS on fwsPort; the baseline relay pair likewise on
+    // pairFrontPort and pairUpperPort. The router echoes routes 61 and 62.
+    int fwbRoute = 60;    // comp SysTCPFWB
+    int fwsRoute = 61;    // comp SysTCPFWS
+    int pairRoute = 62;   // the upper half of the baseline relay pair
+    int fwbPort = 0, fwsPort = 0;
+    int pairFrontPort = 0, pairUpperPort = 0;
 };
 
 class BenchPlatform {
@@ -38,9 +46,9 @@ public:
     // Destroy() leaves the directory (configuration and logs) in place.
     void KeepDirectory() { keepDir_ = true; }
 
-    // Rewrites app.cfg; a comp started afterwards reads the new level and
-    // wait style (COMP_WAIT DEADLINE when bDeadline).
-    bool SetAppConfig(int logLevel, bool bDeadline, std::string* why);
+    // Rewrites app.cfg; a comp started afterwards reads the new level (and
+    // with deadline set, waits in the deadline style).
+    bool SetLogLevel(int logLevel, std::string* why, bool deadline = false);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;

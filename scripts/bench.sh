@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
 # server path in both wait styles against a minimal baseline relay, about 3.5
-# minutes with its defaults) and bench_micro (the per-message routines) when
-# it was built.
+# minutes with its defaults), bench_fw (the forwarder pair, about 1.5 minutes;
+# BENCH_FW_ARGS passes it flags) and bench_micro (the per-message routines)
+# when built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
@@ -26,4 +27,11 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS in both wait styles against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
+fw="$build/bench/bench_fw"
+if [ -x "$fw" ]; then
+  echo
+  echo "== bench_fw: comp's forwarder pair against a baseline relay pair and one TS hop"
+  # shellcheck disable=SC2086
+  "$fw" --comp "$build/comp" ${BENCH_FW_ARGS:-} || status=$?
+fi
 exit $status

@@ -69,6 +69,10 @@ Send a message to route 10 from another terminal:
 
   $compkit send 127.0.0.1:47010 --frame 4,0,4,0 hello
 
+and through the forwarder pair (routes 60 and 61) to the router's echo:
+
+  $compkit send 127.0.0.1:47060 --frame 4,0,4,0 hello
+
 Status: $compkit status $run
 Ctrl-C stops everything.
 

@@ -26,6 +26,7 @@ namespace {
 
 const std::string kBuild = COMP_BINARY_DIR;
 const std::string kBenchTs = kBuild + "/bench/bench_ts";
+const std::string kBenchFw = kBuild + "/bench/bench_fw";
 
 #define REQUIRE_BIG_QUEUE_MESSAGES() \
     if (const auto limits = kit::EnsureQueueLimits(); !limits.empty()) GTEST_SKIP() << limits.front()
@@ -106,7 +107,7 @@ TEST_F(RelayTest, CompInBothWaitStylesAndBaselineAnswerEveryRequestThroughTheRou
     Kid comp[2];
     std::string why;
     for (int deadline : {1, 0}) {
-        ASSERT_TRUE(plat_.SetAppConfig(3, deadline != 0, &why)) << why;
+        ASSERT_TRUE(plat_.SetLogLevel(3, &why, deadline != 0)) << why;
         const int route = deadline ? rt.tsDeadlineRoute : rt.tsRoute;
         comp[deadline].pid = Start({kBuild + "/comp", "SysTCPTS", std::to_string(route), "1", "0", "TS_test"});
         ASSERT_GT(comp[deadline].pid, 0);
@@ -142,11 +143,11 @@ TEST(BenchPlatform, DestroyRemovesEverythingAndRestoresTheEnvironment) {
         base = plat.keyBase();
         EXPECT_EQ(std::string(std::getenv("RUNDIR")), runDir);
         EXPECT_GE(msgget(base + 7, 0), 0);
-        ASSERT_TRUE(plat.SetAppConfig(3, true, &why)) << why;
+        ASSERT_TRUE(plat.SetLogLevel(3, &why, true)) << why;
         const std::string app = kit::ReadWholeFile(runDir + "/etc/app.cfg").value_or("");
         EXPECT_NE(app.find("LOG_LEVEL 3\n"), std::string::npos) << app;
         EXPECT_NE(app.find("COMP_WAIT DEADLINE\n"), std::string::npos) << app;
-        ASSERT_TRUE(plat.SetAppConfig(1, false, &why)) << why;
+        ASSERT_TRUE(plat.SetLogLevel(1, &why)) << why;
         EXPECT_EQ(kit::ReadWholeFile(runDir + "/etc/app.cfg").value_or("").find("COMP_WAIT"), std::string::npos);
         // Rotated logs go, connection logs are emptied, the error logs stay.
         std::string why2;
@@ -190,9 +191,10 @@ protected:
     void SetUp() override { REQUIRE_BIG_QUEUE_MESSAGES(); }
     void TearDown() override { std::filesystem::remove(outPath_); }
 
-    // Starts bench_ts; optionally interrupts it once `interruptAfter` shows.
-    BenchRun Run(const std::vector<std::string>& args, const std::string& interruptAfter = "") {
-        std::vector<std::string> argv{kBenchTs};
+    // Starts bench_ts (or `bin`); optionally interrupts it once `interruptAfter` shows.
+    BenchRun Run(const std::vector<std::string>& args, const std::string& interruptAfter = "",
+                 const std::string& bin = kBenchTs) {
+        std::vector<std::string> argv{bin};
         argv.insert(argv.end(), args.begin(), args.end());
         Kid kid;
         kid.pid = Start(argv, outPath_);
@@ -254,6 +256,20 @@ TEST_F(BenchTsTest, InterruptedRunStopsItsProcessesAndRemovesThePlatform) {
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.output, m, std::regex("comp pid (\\d+)"))) << r.output;
     EXPECT_FALSE(kit::ProcessAlive(static_cast<pid_t>(std::stol(m[1].str()))));
+    r.ExpectNothingLeft();
+}
+
+// bench_fw plays the supervisor of FWB and FWS and runs the baseline relay
+// pair: all three sides answer every request, and nothing is left.
+TEST_F(BenchTsTest, ForwarderBenchShortRunReportsAllSidesAndCleansUp) {
+    BenchRun r = Run({"--comp", kBuild + "/comp", "--styles", "deadline", "--clients", "2", "--rounds", "1",
+                      "--seconds", "0.3", "--warmup", "0"},
+                     "", kBenchFw);
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const char* side : {"comp FWB+FWS", "baseline pair", "comp TS (1 hop)"})
+        EXPECT_NE(r.output.find(std::string("deadline 2       ") + side), std::string::npos) << side << r.output;
+    EXPECT_NE(r.output.find("pair/TS: CPU/msg"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find(" failed, first:"), std::string::npos) << r.output;
     r.ExpectNothingLeft();
 }
 

@@ -210,7 +210,9 @@ std::string PlatformTest::SysCfgText(int tableSegmentBytes) const {
 
 void PlatformTest::StartPlatform(const PlatformSetup& setup) {
     run.write("etc/sys.cfg", SysCfgText());
-    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n" + AppVars() + "[]\n");
+    std::string app = "[APPVARS]\nLOG_LEVEL 1\n" + AppVars();
+    for (const auto& [name, value] : setup.appVars) app += name + " " + value + "\n";
+    run.write("etc/app.cfg", app + "[]\n");
     run.write("etc/tables.cfg", TablesCfgText(setup));
     std::vector<std::string> notes;
     std::string why;

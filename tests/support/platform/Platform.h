@@ -41,6 +41,7 @@ struct PlatformSetup {
     std::vector<RouteRow> routes;
     std::map<std::string, std::string> vars{
         {"MAX_COM_NUM", "1024"}, {"LIVEMSGTYPE", "0602"}, {"OFFLINEMODE", "0"}, {"KERNEL_BACKLOG", "128"}};
+    std::map<std::string, std::string> appVars;   // further [APPVARS] of app.cfg
 };
 
 // A comp process started by the fixture.
