@@ -75,6 +75,15 @@ std::string RouteLine(int route, const char* name, const char* sndType, int port
     return line;
 }
 
+// A station link route: the 39-byte header's 32-bit length at offset 1 in
+// host order counts the whole frame; no beats, a long idle time-out.
+std::string StationRouteLine(int route, const char* name, int port) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%d 1 %s 1 3600 39 4 1 1 1 -39 4 4 1 4 0 M 60 5 127.0.0.1:%d 0\n", route, name,
+                  port);
+    return line;
+}
+
 std::string TablesCfgText(const BenchRoutes& r) {
     std::string s =
         "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
@@ -86,9 +95,15 @@ std::string TablesCfgText(const BenchRoutes& r) {
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tsDeadlineRoute, "bench-tsdl", "0", r.tsDeadlinePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
-    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 0, r.fwsPort);
+    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 3600, r.fwsPort);
     s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
     s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
+    s += "[PLAT_STATICROUTEINF]\n"
+         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
+         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
+         "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT BEATSWITCH\n";
+    s += StationRouteLine(r.stationRoute, "bench-station", r.stationPeerPort);
+    s += StationRouteLine(r.baseStationRoute, "bench-stbase", r.baseStationPeerPort);
     return s;
 }
 
@@ -103,10 +118,10 @@ std::string KitCfgText(const BenchRoutes& r) {
            std::to_string(r.tcRoute) + " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
 }
 
-std::string AppCfgText(int logLevel, bool deadline) {
+std::string AppCfgText(int logLevel, const std::string& moreVars = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
            std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\nFTPSERVER 127.0.0.1\nFTPUSER bench\nFTPPWD bench\n" +
-           (deadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
+           moreVars + "[]\n";
 }
 
 }  // namespace
@@ -138,7 +153,7 @@ bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
            WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
            WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, false), why);
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -160,8 +175,10 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     kit::DirectLogs(runDir_, "bench");
 
     std::set<int> ports;
-    const auto wanted = {&routes_.tsPort,  &routes_.basePort, &routes_.tsDeadlinePort, &routes_.tcServerPort,
-                         &routes_.fwbPort, &routes_.fwsPort,  &routes_.pairFrontPort,  &routes_.pairUpperPort};
+    const auto wanted = {&routes_.tsPort,         &routes_.basePort,       &routes_.tsDeadlinePort,
+                         &routes_.tcServerPort,   &routes_.fwbPort,        &routes_.fwsPort,
+                         &routes_.pairFrontPort,  &routes_.pairUpperPort,  &routes_.stationPeerPort,
+                         &routes_.baseStationPeerPort};
     for (int* p : wanted) ports.insert(*p = FreeLoopbackPort());
     if (*ports.begin() <= 0 || ports.size() != wanted.size()) {
         *why = "no free loopback ports";
@@ -207,7 +224,11 @@ void BenchPlatform::Destroy() {
 }
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline), why);
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline ? "COMP_WAIT DEADLINE\n" : ""), why);
+}
+
+bool BenchPlatform::SetAppCfg(int logLevel, const std::string& moreVars, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, moreVars), why);
 }
 
 void BenchPlatform::TrimLogs() const {

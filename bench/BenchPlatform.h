@@ -28,6 +28,12 @@ struct BenchRoutes {
     int pairRoute = 62;   // the upper half of the baseline relay pair
     int fwbPort = 0, fwsPort = 0;
     int pairFrontPort = 0, pairUpperPort = 0;
+    // Station links (bench_station): comp SysTCPVANTREL and the baseline
+    // station relay, each the client of its own station peer.
+    int stationRoute = 70;
+    int baseStationRoute = 71;
+    int stationPeerPort = 0;
+    int baseStationPeerPort = 0;
 };
 
 class BenchPlatform {
@@ -49,6 +55,8 @@ public:
     // Rewrites app.cfg; a comp started afterwards reads the new level (and
     // with deadline set, waits in the deadline style).
     bool SetLogLevel(int logLevel, std::string* why, bool deadline = false);
+    // The same with further [APPVARS] lines (each ended by a newline).
+    bool SetAppCfg(int logLevel, const std::string& moreVars, std::string* why);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;

@@ -6,7 +6,8 @@
 # when built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
-# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
+# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
+# BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -33,5 +34,11 @@ if [ -x "$fw" ]; then
   echo "== bench_fw: comp's forwarder pair against a baseline relay pair and one TS hop"
   # shellcheck disable=SC2086
   "$fw" --comp "$build/comp" ${BENCH_FW_ARGS:-} || status=$?
+station="$build/bench/bench_station"
+if [ -x "$station" ]; then
+  echo
+  echo "== bench_station: comp SysTCPVANTREL against the baseline station relay"
+  # shellcheck disable=SC2086
+  "$station" --comp "$build/comp" ${BENCH_STATION_ARGS:-} || status=$?
 fi
 exit $status

@@ -31,3 +31,10 @@ int SysRDFile2Buf(const char* pcFile, char* pcBuf);
 int SysCheckMd5(const char* pcBuf, int iLen);
 
 }  // extern "C"
+
+namespace comp {
+// The station id: app.cfg variable "0002" as four digits (right-aligned,
+// zero-padded, only the last four count) packed as 2 BCD bytes into pucOut.
+// False when app.cfg lacks it; pucOut then holds 0000.
+bool StationIdBcd(unsigned char* pucOut);
+}  // namespace comp

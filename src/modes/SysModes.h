@@ -35,5 +35,8 @@ int SysCheckClientSock(int iTableSize, int iReconnInterval, const char* pcIp, in
 int SysGetRemoteSock(const char* pcIp, int iPort, const char* pcRouteName);
 int SysConnectRemoteIni(const char* pcRouteName, const char* pcIp, int iPort);
 int SysCloseAll(int iServerFd);
+// ---- station link (VANTREL) ----
+// The station link's protocol routines are declared in modes/SysVantrel.h.
+int SysTCPVANTREL(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
 
 }  // extern "C"
