@@ -17,7 +17,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -138,6 +137,24 @@ int FreeLoopbackPort() {
     return ntohs(sa.sin_port);
 }
 
+std::vector<int> FreeLoopbackPorts(size_t n) {
+    // All bound at once, so that the kernel cannot hand out one port twice.
+    std::vector<kit::UniqueFd> held;
+    std::vector<int> ports;
+    for (size_t i = 0; i < n; ++i) {
+        held.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof sa;
+        if (!held.back().valid() || bind(held.back().get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+            getsockname(held.back().get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+            return {};
+        ports.push_back(ntohs(sa.sin_port));
+    }
+    return ports;
+}
+
 bool WriteTextFile(const std::string& path, const std::string& text, std::string* why) {
     std::ofstream out(path, std::ios::trunc);
     out << text;
@@ -174,17 +191,18 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     envSet_ = true;
     kit::DirectLogs(runDir_, "bench");
 
-    std::set<int> ports;
     const auto wanted = {&routes_.tsPort,         &routes_.basePort,       &routes_.tsDeadlinePort,
                          &routes_.tcServerPort,   &routes_.fwbPort,        &routes_.fwsPort,
                          &routes_.pairFrontPort,  &routes_.pairUpperPort,  &routes_.stationPeerPort,
                          &routes_.baseStationPeerPort};
-    for (int* p : wanted) ports.insert(*p = FreeLoopbackPort());
-    if (*ports.begin() <= 0 || ports.size() != wanted.size()) {
+    const std::vector<int> ports = FreeLoopbackPorts(wanted.size());
+    if (ports.size() != wanted.size()) {
         *why = "no free loopback ports";
         Destroy();
         return false;
     }
+    auto port = ports.begin();
+    for (int* p : wanted) *p = *port++;
     for (int attempt = 0; attempt < kKeyAttempts && !up_; ++attempt) {
         keyBase_ = KeyBase(attempt);
         if (!KeysFree(keyBase_)) continue;

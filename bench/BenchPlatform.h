@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -79,6 +80,9 @@ private:
 
 // A loopback TCP port that was free a moment ago, or -1.
 int FreeLoopbackPort();
+// n distinct loopback TCP ports that were free a moment ago; empty when they
+// cannot be had.
+std::vector<int> FreeLoopbackPorts(size_t n);
 
 // Writes a whole text file; false with the reason.
 bool WriteTextFile(const std::string& path, const std::string& text, std::string* why);

@@ -9,9 +9,11 @@
 
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
+#include "BenchPlatform.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -89,6 +91,13 @@ TEST(Statistics, NearestRankQuantilesAndMedian) {
     EXPECT_EQ(bench::Quantile(none, 0.5), 0);
     EXPECT_DOUBLE_EQ(bench::Median({5, 1, 3}), 3);
     EXPECT_DOUBLE_EQ(bench::Median({4, 1, 3, 2}), 2.5);
+}
+
+TEST(Ports, PlatformPortsAreDistinct) {
+    const std::vector<int> ports = bench::FreeLoopbackPorts(12);
+    ASSERT_EQ(ports.size(), 12u);
+    EXPECT_EQ(std::set<int>(ports.begin(), ports.end()).size(), 12u);
+    for (int p : ports) EXPECT_GT(p, 0);
 }
 
 TEST(Framing, RequestsCarryTheirBodyLengthInDigits) {
