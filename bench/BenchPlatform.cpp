@@ -65,12 +65,13 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-// A route row; upperPort 0 leaves IPPORTUPPER empty. An idle time-out of 0
-// keeps a forwarder's silent link (the bench measures one side at a time).
-std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0) {
+// A route row; upperPort 0 leaves IPPORTUPPER empty.
+std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0,
+                      const char* beatSwitch = "-") {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s\n", route, name,
-                  sndType, idle, port, upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-");
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s %s\n", route, name,
+                  sndType, idle, port, upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-",
+                  beatSwitch);
     return line;
 }
 
@@ -83,13 +84,13 @@ std::string StationRouteLine(int route, const char* name, int port) {
     return line;
 }
 
-std::string TablesCfgText(const BenchRoutes& r) {
-    std::string s =
-        "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
-        "[PLAT_STATICROUTEINF]\n"
-        "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
-        "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT IPPORTUPPER\n";
+std::string TablesCfgText(const BenchRoutes& r, const BenchExtras& x) {
+    std::string s = "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM " + std::to_string(x.maxComNum) +
+                    "\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
+                    "[PLAT_STATICROUTEINF]\n"
+                    "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET "
+                    "MSGLENGETTYPE MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE "
+                    "MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT IPPORTUPPER BEATSWITCH\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tsDeadlineRoute, "bench-tsdl", "0", r.tsDeadlinePort);
@@ -97,6 +98,8 @@ std::string TablesCfgText(const BenchRoutes& r) {
     s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 3600, r.fwsPort);
     s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
     s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
+    for (const BenchExtras::Route& e : x.routes)
+        s += RouteLine(e.id, e.name.c_str(), "0", e.port, e.idleTimeout, 0, "0");
     s += "[PLAT_STATICROUTEINF]\n"
          "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
          "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
@@ -106,21 +109,24 @@ std::string TablesCfgText(const BenchRoutes& r) {
     return s;
 }
 
-std::string KitCfgText(const BenchRoutes& r) {
+std::string KitCfgText(const BenchRoutes& r, const BenchExtras& x) {
     // The router only answers; the listeners named for the FWS-form routes
     // are the bench's own.
     auto fws = [](int route, int port) {
         return "route " + std::to_string(route) + " SysTCPFWS echo listen 127.0.0.1:" + std::to_string(port) + "\n";
     };
-    return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
-           " SysTCPTS echo\n" + "route " + std::to_string(r.tsDeadlineRoute) + " SysTCPTS echo\n" + "route " +
-           std::to_string(r.tcRoute) + " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
+    std::string s = "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " +
+                    std::to_string(r.baseRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.tsDeadlineRoute) +
+                    " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n" +
+                    fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
+    for (const BenchExtras::Route& e : x.routes) s += e.kitLine + "\n";
+    return s;
 }
 
-std::string AppCfgText(int logLevel, const std::string& moreVars = "") {
+std::string AppCfgText(int logLevel, const BenchExtras& x, const std::string& moreVars = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
            std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\nFTPSERVER 127.0.0.1\nFTPUSER bench\nFTPPWD bench\n" +
-           moreVars + "[]\n";
+           x.appVars + moreVars + "[]\n";
 }
 
 }  // namespace
@@ -168,9 +174,9 @@ BenchPlatform::~BenchPlatform() { Destroy(); }
 
 bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
-           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -242,11 +248,12 @@ void BenchPlatform::Destroy() {
 }
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline ? "COMP_WAIT DEADLINE\n" : ""), why);
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_, deadline ? "COMP_WAIT DEADLINE\n" : ""),
+                         why);
 }
 
 bool BenchPlatform::SetAppCfg(int logLevel, const std::string& moreVars, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, moreVars), why);
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_, moreVars), why);
 }
 
 void BenchPlatform::TrimLogs() const {

@@ -37,6 +37,22 @@ struct BenchRoutes {
     int baseStationPeerPort = 0;
 };
 
+// What one benchmark adds to the platform before Create(): server routes
+// of its own (MSGSNDTYPE 0, heartbeats off, the same framing), a larger
+// socket table, and application variables.
+struct BenchExtras {
+    struct Route {
+        int id = 0;
+        std::string name;
+        int port = 0;            // the route's IPPORT on 127.0.0.1
+        int idleTimeout = 30;
+        std::string kitLine;     // its compkit.cfg line ("route ID MODE echo ...")
+    };
+    std::vector<Route> routes;
+    int maxComNum = 1024;        // MAX_COM_NUM
+    std::string appVars;         // more [APPVARS] lines, e.g. "COMP_WAIT DEADLINE\n"
+};
+
 class BenchPlatform {
 public:
     BenchPlatform() = default;
@@ -48,6 +64,10 @@ public:
     // creates the IPC objects. RUNDIR and HOME point at the directory while
     // the platform lives. False with the reason; what was made is removed.
     bool Create(int logLevel, std::string* why);
+    // Takes effect with the next Create() (routes, table size) or
+    // SetLogLevel() (application variables).
+    void SetExtras(BenchExtras extras) { extras_ = std::move(extras); }
+    BenchExtras& extras() { return extras_; }
     // Removes the IPC objects, the FIFOs and the directory (idempotent).
     void Destroy();
     // Destroy() leaves the directory (configuration and logs) in place.
@@ -71,6 +91,7 @@ private:
 
     std::string runDir_;
     BenchRoutes routes_;
+    BenchExtras extras_;
     key_t keyBase_ = 0;
     bool up_ = false;
     bool keepDir_ = false;

@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
-#include "BenchProc.h"
+#include "BenchProcs.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -523,7 +523,7 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (!bench::FindComp("bench_fw", &opt.compPath)) return 1;
-    bench::OnStopSignals(OnBenchStop);
+    if (!bench::ResolveCompPath("bench_fw", &opt.compPath)) return 1;
+    bench::InstallStopHandler(OnBenchStop);
     return RunBench(opt);
 }

@@ -7,7 +7,9 @@
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
-# BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes).
+# BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes),
+# BENCH_PAS_ARGS to bench_pas (the multi-client server: round trips and ten
+# thousand connections, about 5 minutes with its defaults).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -28,17 +30,16 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS in both wait styles against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
-fw="$build/bench/bench_fw"
-if [ -x "$fw" ]; then
+# The mode benchmarks, each when it was built, with its own arguments.
+run_bench() {  # name, title, extra-args
+  local bin="$build/bench/$1"
+  [ -x "$bin" ] || return 0
   echo
-  echo "== bench_fw: comp's forwarder pair against a baseline relay pair and one TS hop"
+  echo "== $1: $2"
   # shellcheck disable=SC2086
-  "$fw" --comp "$build/comp" ${BENCH_FW_ARGS:-} || status=$?
-station="$build/bench/bench_station"
-if [ -x "$station" ]; then
-  echo
-  echo "== bench_station: comp SysTCPVANTREL against the baseline station relay"
-  # shellcheck disable=SC2086
-  "$station" --comp "$build/comp" ${BENCH_STATION_ARGS:-} || status=$?
-fi
+  "$bin" --comp "$build/comp" $3 || status=$?
+}
+run_bench bench_fw "comp's forwarder pair against a baseline relay pair and one TS hop" "${BENCH_FW_ARGS:-}"
+run_bench bench_station "comp SysTCPVANTREL against the baseline station relay" "${BENCH_STATION_ARGS:-}"
+run_bench bench_pas "comp SysTCPPAS, round trips and ten thousand connections" "${BENCH_PAS_ARGS:-}"
 exit $status

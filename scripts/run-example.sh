@@ -72,6 +72,9 @@ Send a message to route 10 from another terminal:
 and through the forwarder pair (routes 60 and 61) to the router's echo:
 
   $compkit send 127.0.0.1:47060 --frame 4,0,4,0 hello
+and to route 40 (PAS: one long-lived connection, the router echoes each message):
+
+  $compkit send 127.0.0.1:47040 --frame 4,0,4,0 --count 3 hello
 
 Status: $compkit status $run
 Ctrl-C stops everything.

@@ -2,7 +2,7 @@
 //
 //   compkit up RUNDIR           create the queues, semaphores and segments of sys.cfg, load tables.cfg
 //   compkit down RUNDIR         remove them again, and the FIFOs
-//   compkit status RUNDIR       queues, registry, tables, FIFOs, instances
+//   compkit status RUNDIR       queues, registry, tables, FIFOs, and per route its instances and their connections
 //   compkit tranp RUNDIR        the stand-in router alone
 //   compkit run RUNDIR          the supervisor: router, instances, shared listeners
 //   compkit send IP:PORT ...    send framed messages and print the answers
