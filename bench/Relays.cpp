@@ -38,29 +38,6 @@ namespace plat = comp::plat;
 volatile sig_atomic_t g_stop = 0;
 extern "C" void OnRoleStop(int) { g_stop = 1; }
 
-// SIGTERM and SIGINT end the role; without SA_RESTART they also interrupt a
-// blocking receive or poll, so the loop sees the request at once.
-void InstallStopHandlers() {
-    struct sigaction sa {};
-    sa.sa_handler = OnRoleStop;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGINT, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-}
-
-bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, std::string* why) {
-    kit::Resources res;
-    if (!kit::ReadResources(runDir, &res, why)) return false;
-    *toRouter = kit::QueueIdByIndex(res, comp::kQueueToTranp);
-    *fromRouter = kit::QueueIdByIndex(res, comp::kQueueFromTranp);
-    if (*toRouter < 0 || *fromRouter < 0) {
-        *why = "queues 7 and 8 do not exist";
-        return false;
-    }
-    return true;
-}
-
 template <typename T>
 void Put(char* text, int off, T v) {
     std::memcpy(text + off, &v, sizeof v);
@@ -628,6 +605,31 @@ private:
 };
 
 }  // namespace
+
+// SIGTERM and SIGINT end the role; without SA_RESTART they also interrupt a
+// blocking receive or poll, so the loop sees the request at once.
+void InstallStopHandlers() {
+    struct sigaction sa {};
+    sa.sa_handler = OnRoleStop;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+bool RoleStopped() { return g_stop != 0; }
+
+bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, std::string* why) {
+    kit::Resources res;
+    if (!kit::ReadResources(runDir, &res, why)) return false;
+    *toRouter = kit::QueueIdByIndex(res, comp::kQueueToTranp);
+    *fromRouter = kit::QueueIdByIndex(res, comp::kQueueFromTranp);
+    if (*toRouter < 0 || *fromRouter < 0) {
+        *why = "queues 7 and 8 do not exist";
+        return false;
+    }
+    return true;
+}
 
 int DecimalHeaderLength(const char* header, int headerLen) {
     if (headerLen <= 0 || headerLen > 9) return -1;

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Starts the example platform of examples/ in the foreground: clients of the
 # TS route 10 (127.0.0.1:47010) are answered through the TC route 20, which
-# reaches a local echo server on 127.0.0.1:47020. Builds nothing: `make run`
+# reaches a local echo server on 127.0.0.1:47020; the polled routes 50
+# (PCSYN, polled by a local poll server on 127.0.0.1:47050) and 51 (PASSYN,
+# on 127.0.0.1:47051) echo their data frames. Builds nothing: `make run`
 # builds first. Ctrl-C stops every process and removes the queues,
 # semaphores, segments and FIFOs again.
 #   scripts/run-example.sh [BUILD_DIR]
@@ -45,12 +47,13 @@ if [ "$(id -u)" -eq 0 ]; then
 fi
 
 echo_pid=""
+poll_pid=""
 cleanup() {
   trap - EXIT INT TERM
-  if [ -n "$echo_pid" ]; then
-    kill "$echo_pid" 2>/dev/null || true
-    wait "$echo_pid" 2>/dev/null || true
-  fi
+  for pid in $echo_pid $poll_pid; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
   if [ -f "$run/compkit.objects" ]; then
     "$compkit" down "$run" || true
   fi
@@ -61,6 +64,11 @@ trap 'exit 130' INT TERM
 "$compkit" up "$run"
 "$compkit" echo-server 127.0.0.1:47020 --frame 4,0,4,0 --prefix "echo: " &
 echo_pid=$!
+# The server that polls the PCSYN route 50, once every 2 seconds, with one
+# data frame on the way; its lines go to log/poll-server.out.
+"$compkit" poll-server 127.0.0.1:47050 --interval 2000 --data "hello from the poll server" \
+  >"$run/log/poll-server.out" 2>&1 &
+poll_pid=$!
 
 cat <<EOT
 
@@ -75,6 +83,10 @@ and through the forwarder pair (routes 60 and 61) to the router's echo:
 and to route 40 (PAS: one long-lived connection, the router echoes each message):
 
   $compkit send 127.0.0.1:47040 --frame 4,0,4,0 --count 3 hello
+Poll the PASSYN route 51 as a client (the PCSYN route 50 is polled by the
+server in $run/log/poll-server.out):
+
+  $compkit poll-client 127.0.0.1:47051 --data hello
 
 Status: $compkit status $run
 Ctrl-C stops everything.

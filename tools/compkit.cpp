@@ -8,6 +8,8 @@
 //   compkit send IP:PORT ...    send framed messages and print the answers
 //   compkit echo-server IP:PORT ...   answer every framed message with itself
 //   compkit station IP:PORT ...       the station-side peer of a station link
+//   compkit poll-server IP:PORT ...   the server that polls a PCSYN route
+//   compkit poll-client IP:PORT ...   a client that answers the polls of a PASSYN route
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +24,7 @@
 #include "kit/Router.h"
 #include "kit/StationPeer.h"
 #include "kit/Supervisor.h"
+#include "kit/SynPeers.h"
 
 namespace {
 
@@ -33,6 +36,8 @@ void Usage(FILE* out) {
                  "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
                  "       compkit station IP:PORT [--reject] [--no-ack] [--nack N] [--crc-error N] [--params N]\n"
                  "                    [--send TEXT]... [--count N] [--interval MS] [--once] [--quiet] [--log FILE]\n"
+                 "       compkit poll-server|poll-client IP:PORT [--interval MS] [--count N] [--timeout S]\n"
+                 "                    [--data TEXT]...\n"
                  "       compkit help\n");
 }
 
@@ -85,6 +90,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(argv + 2, argv + argc);
     if (cmd == "send") return kit::RunSend(rest);
     if (cmd == "echo-server") return kit::RunEchoServer(rest);
+    if (cmd == "poll-server") return kit::RunPollServer(rest);
+    if (cmd == "poll-client") return kit::RunPollClient(rest);
     if (cmd == "station") return kit::RunStationCommand(rest);
     if (cmd != "up" && cmd != "down" && cmd != "status" && cmd != "tranp" && cmd != "run")
         return UsageError("unknown subcommand '" + cmd + "'");
