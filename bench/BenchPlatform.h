@@ -13,12 +13,14 @@ namespace bench {
 // The routes of the bench platform. Every route frames with a 4-byte header
 // holding the body length in decimal digits.
 struct BenchRoutes {
-    int tsRoute = 10;     // comp SysTCPTS, echoed by the router
-    int baseRoute = 11;   // the baseline relay, echoed the same way
-    int tcRoute = 20;     // comp SysTCPTC, only ever idle
-    int tsPort = 0;       // loopback listen ports (0: picked free)
+    int tsRoute = 10;          // comp SysTCPTS (bench_ts: in the fixed wait), echoed by the router
+    int baseRoute = 11;        // the baseline relay, echoed the same way
+    int tsDeadlineRoute = 12;  // comp SysTCPTS in the deadline wait (bench_ts), echoed the same way
+    int tcRoute = 20;          // comp SysTCPTC, only ever idle
+    int tsPort = 0;            // loopback listen ports (0: picked free)
     int basePort = 0;
-    int tcServerPort = 0; // where TC would connect; nothing listens there
+    int tsDeadlinePort = 0;
+    int tcServerPort = 0;      // where TC would connect; nothing listens there
     // The forwarder pair (bench_fw): FWB's clients arrive on fwbPort, its
     // link goes to FWS on fwsPort; the baseline relay pair likewise on
     // pairFrontPort and pairUpperPort. The router echoes routes 61 and 62.
@@ -112,6 +114,9 @@ private:
 
 // A loopback TCP port that was free a moment ago, or -1.
 int FreeLoopbackPort();
+// n distinct loopback TCP ports that were free a moment ago; empty when they
+// cannot be had.
+std::vector<int> FreeLoopbackPorts(size_t n);
 
 // Writes a whole text file; false with the reason.
 bool WriteTextFile(const std::string& path, const std::string& text, std::string* why);

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
-# server path against a minimal baseline relay, about 2.5 minutes with its
-# defaults), bench_fw (the forwarder pair, about 1.5 minutes; BENCH_FW_ARGS
-# passes it flags), bench_syn (the polled synchronous modes against baseline
-# peers) and bench_micro (the per-message routines) when built.
+# server path in both wait styles against a minimal baseline relay, about 3.5
+# minutes with its defaults), bench_fw (the forwarder pair, about 1.5 minutes;
+# BENCH_FW_ARGS passes it flags), bench_syn (the polled synchronous modes
+# against baseline peers) and bench_micro (the per-message routines) when
+# built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
@@ -28,7 +29,7 @@ if [ -x "$micro" ]; then
   "$micro" --benchmark_min_time=0.2 ${BENCH_MICRO_ARGS:-} || status=$?
   echo
 fi
-echo "== bench_ts: comp SysTCPTS against the baseline relay"
+echo "== bench_ts: comp SysTCPTS in both wait styles against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
 # The mode benchmarks, each when it was built, with its own arguments.
 run_bench() {  # name, title, extra-args
