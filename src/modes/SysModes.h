@@ -17,4 +17,10 @@ int SysTcptcRecvPlatMsg(int iFifoFd, const char* pcRouteId, RouteRecord stRoute,
 int SysLsnInit(RouteRecord stRoute);
 int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute);
 
+// Persistent client and persistent server. Their helpers (SysSendMsg,
+// SysConnectIni, SysKeepAlive, ...) share names with other modes' and stay
+// in their files.
+int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+int SysTCPPS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+
 }  // extern "C"
