@@ -32,6 +32,7 @@ protected:
         setup.routes = {row};
         for (RouteRow& r : more) setup.routes.push_back(r);
         for (const auto& [k, v] : vars) setup.vars[k] = v;
+        for (const std::string& k : dropVars) setup.vars.erase(k);
         StartPlatform(setup);
         mode_ = mode;
         route_ = row["ROUTEID"];
@@ -107,6 +108,7 @@ protected:
     pid_t pid = 0;
     std::vector<std::string> compEnv;          // extra environment of comp (FastClock)
     std::map<std::string, std::string> vars;   // [LOADVARS] changes
+    std::vector<std::string> dropVars;         // [LOADVARS] left out
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 
 private:
