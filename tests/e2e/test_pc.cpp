@@ -69,15 +69,6 @@ protected:
             got += comptest::ReadUntilClose(fd, 50);
         return got;
     }
-    int Count(const std::string& text) const {
-        const std::string logs = AllLogs();
-        int n = 0;
-        for (size_t p = logs.find(text); p != std::string::npos; p = logs.find(text, p + 1)) ++n;
-        return n;
-    }
-    bool AwaitLog(const std::string& text, int count = 1, int ms = 5000) {
-        return AwaitCount([&] { return AllLogs(); }, text, count, ms);
-    }
     void InstallPlugin(const char* lib, const std::string& as) {
         fs::copy_file(std::string(COMP_PLUGIN_DIR "/") + lib, run.file("runs/bin/" + as),
                       fs::copy_options::overwrite_existing);
@@ -133,7 +124,7 @@ TEST_F(PcTest, server_unreachable_at_start_gets_one_n003_then_retries_at_the_int
     ASSERT_TRUE(listener.valid());
     EXPECT_EQ(Next(), "N001");
     EXPECT_LT(kit::NowMs() - listening, 2500) << "reconnected within the interval of 1 s";
-    EXPECT_LE(Count("SysKeepAlive]iSockConnect"), 3) << "attempts one interval apart";
+    EXPECT_LE(LogCount("SysKeepAlive]iSockConnect"), 3) << "attempts one interval apart";
     comp::UniqueFd conn = Link();
     Request(Frame("after"));
     EXPECT_EQ(ReadFrame(conn.get(), 3000), Frame("after"));
@@ -215,8 +206,8 @@ TEST_F(PcTest, messages_are_discarded_after_ten_intervals_without_the_server) {
     kit::SleepMs(1500);   // over 10 s on comp's clock since it last heard the server
     Request(Frame("late"));
     EXPECT_TRUE(Logged({"discard msg!"})) << AllLogs();
-    EXPECT_EQ(Count("connect by req msg"), 0);
-    EXPECT_GE(Count("SysKeepAlive]iSockConnect"), 8) << "an attempt each second of comp's clock";
+    EXPECT_EQ(LogCount("connect by req msg"), 0);
+    EXPECT_GE(LogCount("SysKeepAlive]iSockConnect"), 8) << "an attempt each second of comp's clock";
     EXPECT_LT(kit::NowMs() - lost, 4000);
     listener = comptest::Listen(&serverPort);
     EXPECT_EQ(Next(), "N001") << "reconnects go on meanwhile";
@@ -229,7 +220,7 @@ TEST_F(PcTest, reconnect_interval_0_never_discards) {
     Request(Frame("try"));
     EXPECT_TRUE(AwaitLog("SysSendMsg]iSockConnect error.errno=111")) << "a connect is tried for the message";
     EXPECT_TRUE(Logged({"SysPerClientReq error"}));
-    EXPECT_EQ(Count("discard msg"), 0);
+    EXPECT_EQ(LogCount("discard msg"), 0);
 }
 
 // Only a connect that timed out sets the network-route error flag; the next
@@ -245,7 +236,7 @@ TEST_F(PcTest, only_a_timed_out_connect_makes_messages_wait) {
     ASSERT_TRUE(AwaitLog("SysKeepAlive]iSockConnect [127.0.0.1:" + std::to_string(serverPort) + "]error.errno=111"));
     Request(Frame("two"));
     EXPECT_TRUE(AwaitLog("SysSendMsg]iSockConnect error.errno=111")) << "refused: the message tries a connect";
-    EXPECT_EQ(Count("network anomaly"), 1);
+    EXPECT_EQ(LogCount("network anomaly"), 1);
 
     SetConnectFault(0);
     EXPECT_EQ(Next(), "N001");

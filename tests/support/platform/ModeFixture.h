@@ -81,6 +81,17 @@ protected:
             if (kit::NowMs() >= end) return false;
         }
     }
+    // How often `text` occurs in the logs now.
+    int LogCount(const std::string& text) const {
+        const std::string logs = AllLogs();
+        int n = 0;
+        for (size_t p = logs.find(text); p != std::string::npos; p = logs.find(text, p + 1)) ++n;
+        return n;
+    }
+    // Whether `text` occurs at least `count` times in the logs within ms.
+    bool AwaitLog(const std::string& text, int count = 1, int ms = 5000) const {
+        return AwaitCount([&] { return AllLogs(); }, text, count, ms);
+    }
     // Whether `text` occurs at least `count` times in what `read` returns
     // within ms.
     static bool AwaitCount(const std::function<std::string()>& read, const std::string& text, int count,
