@@ -35,9 +35,6 @@ namespace kit {
 
 namespace {
 
-constexpr int kFirstBackoffMs = 1000;
-constexpr int kMaxBackoffMs = 30000;
-constexpr int64_t kStableRunMs = 30000;   // a run this long resets the back-off
 constexpr int kLoopWaitMs = 50;
 constexpr int kListenBacklog = 128;
 constexpr int kRouterGraceMs = 2000;
@@ -51,9 +48,6 @@ struct Child {
     int instance = 0;
     std::string name;
     pid_t pid = -1;
-    int64_t startedMs = 0;
-    int backoffMs = kFirstBackoffMs;
-    int64_t restartAtMs = 0;
     int listener = -1;  // index into the listeners, -1 for none
 };
 
@@ -63,6 +57,7 @@ struct Listener {
     unsigned next = 0;       // round-robin position among the route's instances
     pid_t pendingPid = -1;   // told to accept, no report yet
     int64_t pendingSinceMs = 0;
+    bool orphanNoted = false;  // said that a client waits and no instance can take it
 };
 
 // A listening socket that the instances inherit: non-blocking, so that an
@@ -101,7 +96,6 @@ private:
     bool openListeners();
     void start(Child& c);
     void reap(bool stopping);
-    void restartDue();
     void readNotices();
     void serveListeners();
     void cleanAfter(const Child& c, pid_t pid);
@@ -161,12 +155,8 @@ void Supervisor::start(Child& c) {
     }
     std::string why;
     c.pid = Spawn(plan, &why);
-    c.startedMs = NowMs();
-    c.restartAtMs = 0;
     if (c.pid < 0) {
-        c.restartAtMs = NowMs() + c.backoffMs;
-        say("%s: cannot start: %s; trying again in %d s", c.name.c_str(), why.c_str(), c.backoffMs / 1000);
-        c.backoffMs = std::min(c.backoffMs * 2, kMaxBackoffMs);
+        say("%s: cannot start: %s", c.name.c_str(), why.c_str());
         return;
     }
     names_[c.pid] = c.name;
@@ -216,25 +206,11 @@ void Supervisor::reap(bool stopping) {
     while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
         Child* c = byPid(pid);
         if (c == nullptr) continue;
-        const int64_t ran = NowMs() - c->startedMs;
         c->pid = -1;
         cleanAfter(*c, pid);
-        if (stopping) {
-            say("%s pid %d %s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str());
-            continue;
-        }
-        if (ran >= kStableRunMs) c->backoffMs = kFirstBackoffMs;
-        c->restartAtMs = NowMs() + c->backoffMs;
-        say("%s pid %d %s; restarting in %d s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str(),
-            c->backoffMs / 1000);
-        c->backoffMs = std::min(c->backoffMs * 2, kMaxBackoffMs);
+        say("%s pid %d %s%s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str(),
+            stopping ? "" : "; not restarted");
     }
-}
-
-void Supervisor::restartDue() {
-    const int64_t now = NowMs();
-    for (Child& c : children_)
-        if (c.pid < 0 && c.restartAtMs != 0 && c.restartAtMs <= now) start(c);
 }
 
 void Supervisor::readNotices() {
@@ -298,11 +274,17 @@ void Supervisor::serveListeners() {
             l.next = static_cast<unsigned>((l.next + tried + 1) % mine.size());
             l.pendingPid = c->pid;
             l.pendingSinceMs = NowMs();
+            l.orphanNoted = false;
             say("client waiting on route %d: told %s to accept", l.route->id, c->name.c_str());
             break;
         }
-        // No instance has its control FIFO yet: the client waits for the next pass.
-        if (l.pendingPid < 0) SleepMs(kLoopWaitMs);
+        if (l.pendingPid >= 0) continue;
+        // No instance has its control FIFO (yet, or any more): the client
+        // waits in the listen queue.
+        if (!l.orphanNoted && mine.empty())
+            say("client waiting on route %d: no instance of the route runs to accept it", l.route->id);
+        l.orphanNoted = l.orphanNoted || mine.empty();
+        SleepMs(kLoopWaitMs);
     }
 }
 
@@ -374,7 +356,6 @@ int Supervisor::run() {
 
     while (!g_stop) {
         reap(false);
-        restartDue();
         readNotices();
         serveListeners();
     }
