@@ -6,7 +6,8 @@
 //   compkit tranp RUNDIR        the stand-in router alone
 //   compkit run RUNDIR          the supervisor: router, instances, shared listeners
 //   compkit send IP:PORT ...    send framed messages and print the answers
-//   compkit echo-server IP:PORT ...   answer every framed message with itself
+//   compkit echo-server IP:PORT ...   answer every framed message with itself, keep the
+//                               connections, answer and send heartbeats
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,7 +28,8 @@ void Usage() {
                  "usage: compkit up|down|status|tranp|run RUNDIR\n"
                  "       compkit send IP:PORT [--frame H,O,W,T[,I[,A]] | --rundir DIR --route ID] [--header TEXT]\n"
                  "                    [--count N] [--reconnect] [--timeout S] [--no-answer] TEXT...\n"
-                 "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n");
+                 "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
+                 "                    [--heartbeat BODY [--beat-every SECONDS]]\n");
 }
 
 // RUNDIR as an absolute path: the product's FIFO and log paths are formed
