@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Starts the example platform of examples/ in the foreground: clients of the
 # TS route 10 (127.0.0.1:47010) are answered through the TC route 20, which
-# reaches a local echo server on 127.0.0.1:47020. Builds nothing: `make run`
-# builds first. Ctrl-C stops every process and removes the queues,
+# reaches a local echo server on 127.0.0.1:47020; clients of the TS route 32
+# (127.0.0.1:47032) through the persistent link of the PC route 30 to a second
+# echo server on 127.0.0.1:47030; the PS route 31 shares 127.0.0.1:47031
+# between two instances. Builds nothing: `make run` builds first. Ctrl-C stops every process and removes the queues,
 # semaphores, segments and FIFOs again.
 #   scripts/run-example.sh [BUILD_DIR]
 set -euo pipefail
@@ -43,12 +45,13 @@ if [ "$(id -u)" -eq 0 ]; then
 fi
 
 echo_pid=""
+pc_echo_pid=""
 cleanup() {
   trap - EXIT INT TERM
-  if [ -n "$echo_pid" ]; then
-    kill "$echo_pid" 2>/dev/null || true
-    wait "$echo_pid" 2>/dev/null || true
-  fi
+  for pid in $echo_pid $pc_echo_pid; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
   if [ -f "$run/compkit.objects" ]; then
     "$compkit" down "$run" || true
   fi
@@ -59,6 +62,11 @@ trap 'exit 130' INT TERM
 "$compkit" up "$run"
 "$compkit" echo-server 127.0.0.1:47020 --frame 4,0,4,0 --prefix "echo: " &
 echo_pid=$!
+# The PC route's server keeps the link and sends a heartbeat (type 0602) after
+# 10 s without sending.
+pc_server=(echo-server 127.0.0.1:47030 --frame 4,0,4,0 --prefix "pc-echo: " --heartbeat 0602 --beat-every 10)
+"$compkit" "${pc_server[@]}" &
+pc_echo_pid=$!
 
 cat <<EOT
 
@@ -66,6 +74,22 @@ The example platform runs in $run (logs in $run/log).
 Send a message to route 10 from another terminal:
 
   $compkit send 127.0.0.1:47010 --frame 4,0,4,0 hello
+
+Route 30 (PC) holds a link to the echo server on 127.0.0.1:47030 (pid
+$pc_echo_pid); the router prints its N001. Send through the link via route 32:
+
+  $compkit send 127.0.0.1:47032 --frame 4,0,4,0 hello
+
+Stop that server (kill $pc_echo_pid): the router prints N003. Start it again
+in another terminal and the link is back within the reconnect interval (5 s):
+
+  $compkit echo-server 127.0.0.1:47030 --frame 4,0,4,0 --prefix "pc-echo: " --heartbeat 0602 --beat-every 10
+
+Route 31 (PS) shares 127.0.0.1:47031 between its two instances. A client is
+accepted by the next instance in turn; the first message it sends ends that
+instance (kept as the platform has it), and nothing restarts it:
+
+  $compkit send 127.0.0.1:47031 --frame 4,0,4,0 hello
 
 Status: $compkit status $run
 Ctrl-C stops everything.
