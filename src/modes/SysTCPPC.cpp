@@ -28,6 +28,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/SysGlobals.h"
 #include "comp/SysComPub.h"
@@ -88,7 +89,11 @@ struct Pc {
     std::optional<comp::Loop> loop;
     int keepAliveTimer = -1;
     int beatTimer = -1;
+    long pid = 0;                      // queue message type of everything sent to TranP
     QueueMsg buf;                      // one message at a time, either way
+    // What one receive took from the server, cut into messages from inPos.
+    std::vector<char> in = std::vector<char>(2 * comp::kQueueTextLen);
+    int inPos = 0, inEnd = 0;
 };
 
 int SysConnectIni(Pc& pc);
@@ -114,6 +119,7 @@ int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     pc.routeNo = std::atoi(pcRouteId);
     pc.route = stRoute;
     pc.instance = iInstance;
+    pc.pid = getpid();
 
     int lenWidth = 0, lenOff = 0;
     if (iGetStaticTblValues(stRoute, &lenWidth, &lenOff, &pc.idleTimeout, &pc.headerLen) != 0) {
@@ -469,20 +475,38 @@ bool PcInputPreHandling(Pc& pc, int fd, const char* msg, int len) {
 
 void PcServer(Pc& pc, int fd, unsigned) {
     int total = 0;
-    pc.noReceiver = false;
-    int len = RecvMsg(pc, fd, &total);
-    if (len < 0) {
-        COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
-        pc.loop->Close(fd);
+    if (pc.netRule) {
+        pc.noReceiver = false;
+        int len = RecvMsg(pc, fd, &total);
+        if (len < 0) {
+            COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
+            pc.loop->Close(fd);
+            return;
+        }
+        PcForward(pc, fd, len);
+        // Without a receiver nothing was read: the one-byte message has gone
+        // on, and the link is dropped rather than read again on every pass.
+        if (pc.noReceiver && pc.loop->IsConn(fd)) {
+            COMP_ERRLOG("[%s,%d]libnetrule.so has no SysRcvMulPkg,fd=%d is closed", SRC_NAME, __LINE__, fd);
+            pc.loop->Close(fd);
+        }
         return;
     }
-    PcForward(pc, fd, len);
-    // Without a receiver nothing was read: the one-byte message has gone on,
-    // and the link is dropped rather than read again on every pass.
-    if (pc.noReceiver && pc.loop->IsConn(fd)) {
-        COMP_ERRLOG("[%s,%d]libnetrule.so has no SysRcvMulPkg,fd=%d is closed", SRC_NAME, __LINE__, fd);
-        pc.loop->Close(fd);
-    }
+    // One receive takes what has come; the messages in it are cut and
+    // forwarded in turn, the last one completed from the socket if it was
+    // cut short.
+    ssize_t n = recv(fd, pc.in.data(), pc.in.size() / 2, 0);
+    pc.inPos = 0;
+    pc.inEnd = n > 0 ? static_cast<int>(n) : 0;
+    do {
+        int len = RecvMsg(pc, fd, &total);
+        if (len < 0) {
+            COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
+            pc.loop->Close(fd);
+            return;
+        }
+        PcForward(pc, fd, len);
+    } while (pc.inPos < pc.inEnd && pc.loop->IsConn(fd));
 }
 
 // A message from the server: a heartbeat only refreshes the link, the input
@@ -516,7 +540,7 @@ void PcForward(Pc& pc, int fd, int len) {
                     std::strerror(errno));
         pc.loop->Quit();
     }
-    buf.lMsgType = getpid();
+    buf.lMsgType = pc.pid;
     if (SysWriteQueueNoWait(&buf, plat, g_stMsgQCntl[comp::kQueueToTranp].iId) != 0) {
         COMP_ERRLOG("[%s,%d]SysWriteMQ error.errno=%d,errmsg:[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
         pc.loop->Quit();
@@ -525,8 +549,25 @@ void PcForward(Pc& pc, int fd, int len) {
         writelog(LOG_INFO, buf.caText, plat, "[%s,%d]write to queue,len=%d", SRC_NAME, __LINE__, plat);
 }
 
-// Reads one message from the server into pc.buf: its length; -1 on a framing
-// or receiver failure, -2 on a short read.
+// Makes sure `want` bytes of the server's stream stand from pc.inPos,
+// reading the missing ones from the socket as a single message would be read
+// (a short wait for each); false when they did not come.
+bool Fill(Pc& pc, int fd, int want, int* have) {
+    if (pc.inEnd - pc.inPos < want) {
+        if (pc.inPos + want > static_cast<int>(pc.in.size())) {
+            std::memmove(pc.in.data(), pc.in.data() + pc.inPos, static_cast<size_t>(pc.inEnd - pc.inPos));
+            pc.inEnd -= pc.inPos;
+            pc.inPos = 0;
+        }
+        int got = iSockRecv(fd, pc.in.data() + pc.inEnd, want - (pc.inEnd - pc.inPos));
+        if (got > 0) pc.inEnd += got;
+    }
+    *have = pc.inEnd - pc.inPos;
+    return *have >= want;
+}
+
+// The next message from the server, in pc.buf: its length; -1 on a framing
+// or receiver failure, -2 when it was cut short.
 int RecvMsg(Pc& pc, int fd, int* total) {
     char* msg = pc.buf.caText;
     if (pc.netRule) {
@@ -536,23 +577,25 @@ int RecvMsg(Pc& pc, int fd, int* total) {
         return len > comp::kMaxNetMsgLen ? -1 : len;
     }
     const int hl = pc.headerLen;
-    int got = iSockRecv(fd, msg, hl);
-    if (got != hl) {
-        COMP_ERRLOG("[%s,%d]%s,fd=%d ,iRet=%d,errno=%d,[%s]", SRC_NAME, __LINE__, __func__, fd, got, errno,
+    int have = 0;
+    if (!Fill(pc, fd, hl, &have)) {
+        COMP_ERRLOG("[%s,%d]%s,fd=%d ,iRet=%d,errno=%d,[%s]", SRC_NAME, __LINE__, __func__, fd, have, errno,
                     std::strerror(errno));
         return -2;
     }
-    int body = SysGetLenFromHead(msg, &pc.route, hl);
+    int body = SysGetLenFromHead(pc.in.data() + pc.inPos, &pc.route, hl);
     if (body < 0) {
-        COMP_ERRLOG_DUMP(msg, hl, "[%s,%d]SysGetLenFromHead error.", SRC_NAME, __LINE__);
+        COMP_ERRLOG_DUMP(pc.in.data() + pc.inPos, hl, "[%s,%d]SysGetLenFromHead error.", SRC_NAME, __LINE__);
         return -1;
     }
-    if (body > 0 && (got = iSockRecv(fd, msg + hl, body)) != body) {
-        COMP_ERRLOG("[%s,%d,%s],fd=%d,iRet=%d,errno=%d,[%s],%d", SRC_NAME, __LINE__, __func__, fd, got, errno,
+    if (body > 0 && !Fill(pc, fd, hl + body, &have)) {
+        COMP_ERRLOG("[%s,%d,%s],fd=%d,iRet=%d,errno=%d,[%s],%d", SRC_NAME, __LINE__, __func__, fd, have - hl, errno,
                     std::strerror(errno), body);
-        if (got > 0) COMP_ERRLOG_DUMP(msg, hl, "出错包的header如下[%s,%d]", SRC_NAME, __LINE__);
+        if (have > hl) COMP_ERRLOG_DUMP(pc.in.data() + pc.inPos, hl, "出错包的header如下[%s,%d]", SRC_NAME, __LINE__);
         return -2;
     }
+    std::memcpy(msg, pc.in.data() + pc.inPos, static_cast<size_t>(hl + body));
+    pc.inPos += hl + body;
     *total = hl + body;
     return hl + body;
 }
@@ -648,7 +691,7 @@ void PcCloseHook(Pc& pc, int fd) {
 
 void PcQuit(Pc& pc) {
     pc.rows.Clear();
-    SysCleanQueue(getpid());
+    SysCleanQueue(pc.pid);
     char name[32];
     std::snprintf(name, sizeof name, "%s_%d", pc.routeId, pc.instance);
     SysCleanIpcFileById(name, comp::kFifoRouteNotify);

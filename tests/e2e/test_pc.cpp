@@ -108,9 +108,11 @@ TEST_F(PcTest, link_comes_up_at_start_and_carries_messages_both_ways) {
     comptest::PlatHdr want{64 + 8, 0, pid, pid, kRoute, kRoute, fd, fd, serverPort, "127.0.0.1", "127.0.0.1", 'M', {}};
     EXPECT_EQ(m.header, want.bytes());
 
-    // The server's heartbeat (LIVEMSGTYPE) is not forwarded; other types are.
-    ASSERT_TRUE(Send(conn.get(), Frame("7777") + Frame("0602")));
+    // The server's heartbeat (LIVEMSGTYPE) is not forwarded; other types are,
+    // each on its own, also when several come in one segment.
+    ASSERT_TRUE(Send(conn.get(), Frame("7777") + Frame("0602") + Frame("last")));
     EXPECT_EQ(Next(), Frame("0602"));
+    EXPECT_EQ(Next(), Frame("last"));
     EXPECT_EQ(Next(300), "") << "one link, no notification";
 }
 
