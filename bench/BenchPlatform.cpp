@@ -65,10 +65,11 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-std::string RouteLine(int route, const char* name, const char* sndType, int port) {
+std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int reconn = 5,
+                      const char* beatSwitch = "-") {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s 30 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d\n", route, name,
-                  sndType, port);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d %s 127.0.0.1:%d\n", route, name,
+                  sndType, idle, reconn, beatSwitch, port);
     return line;
 }
 
@@ -78,10 +79,15 @@ std::string TablesCfgText(const BenchRoutes& r) {
         "[PLAT_STATICROUTEINF]\n"
         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT\n";
+        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL BEATSWITCH IPPORT\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    // Persistent clients: no heartbeats of their own, an idle time-out past
+    // any pause between runs.
+    constexpr int kPcIdle = 3600;
+    s += RouteLine(r.pcRoute, "bench-pc", "1", r.pcServerPort, kPcIdle, r.pcReconnInterval, "0");
+    s += RouteLine(r.pcBaseRoute, "bench-pcbase", "1", r.pcServerPort, kPcIdle, r.pcReconnInterval, "0");
     return s;
 }
 
@@ -90,9 +96,9 @@ std::string KitCfgText(const BenchRoutes& r) {
            " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
 }
 
-std::string AppCfgText(int logLevel) {
+std::string AppCfgText(int logLevel, const std::string& extraLines = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + extraLines + "[]\n";
 }
 
 }  // namespace
@@ -148,7 +154,8 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     routes_.tsPort = FreeLoopbackPort();
     routes_.basePort = FreeLoopbackPort();
     routes_.tcServerPort = FreeLoopbackPort();
-    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 ||
+    routes_.pcServerPort = FreeLoopbackPort();
+    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 || routes_.pcServerPort <= 0 ||
         routes_.tsPort == routes_.basePort) {
         *why = "no free loopback ports";
         Destroy();
@@ -194,6 +201,10 @@ void BenchPlatform::Destroy() {
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
     return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+}
+
+bool BenchPlatform::SetAppVars(int logLevel, const std::string& extraLines, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extraLines), why);
 }
 
 void BenchPlatform::TrimLogs() const {

@@ -18,6 +18,13 @@ struct BenchRoutes {
     int tsPort = 0;       // loopback listen ports (0: picked free)
     int basePort = 0;
     int tcServerPort = 0; // where TC would connect; nothing listens there
+
+    // The persistent-client benchmark: comp SysTCPPC and the PC baseline
+    // relay, both clients of the bench's echo server.
+    int pcRoute = 30;         // comp SysTCPPC
+    int pcBaseRoute = 31;     // the PC baseline relay
+    int pcServerPort = 0;     // the echo server both connect to
+    int pcReconnInterval = 2; // RECONNINTERVAL of both
 };
 
 class BenchPlatform {
@@ -38,6 +45,9 @@ public:
 
     // Rewrites app.cfg; a comp started afterwards reads the new level.
     bool SetLogLevel(int logLevel, std::string* why);
+    // The same with further [APPVARS] lines ("NAME VALUE\n"), e.g. the wait
+    // style "COMP_WAIT DEADLINE\n".
+    bool SetAppVars(int logLevel, const std::string& extraLines, std::string* why);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;

@@ -1,0 +1,779 @@
+// bench_pc: messages per second, latency and CPU per message of comp's
+// persistent-client mode (A) against a minimal baseline relay (B) on one
+// private platform, in both wait styles of the loop engine; and how long a
+// reconnect takes once the server is back, against the reconnect interval.
+//
+//   bench_pc [--comp PATH] [--seconds S] [--rounds N] [--warmup S]
+//            [--inflight 1,16] [--styles fixed,deadline] [--level L]
+//            [--body BYTES] [--reconnects N] [--keep]
+//
+// This program plays the router: it queues each message for the relay's
+// route on queue 8, rings the relay's FIFO, and reads what comes back on
+// queue 7. The relay sends the message to an echo server (threads of this
+// program) over its one standing connection, and the echo comes back the same
+// way, with the given number of messages in flight. A and B alternate within
+// every round, the one not measured frozen (SIGSTOP). The role
+// `--role pcbaseline RUNDIR ROUTE PORT` is the baseline process.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/msg.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchPlatform.h"
+#include "LoadGen.h"
+#include "ProcStat.h"
+#include "Relays.h"
+#include "base/SysTypes.h"
+#include "kit/KitProc.h"
+#include "kit/KitUtil.h"
+
+namespace {
+
+namespace plat = comp::plat;
+using Clock = std::chrono::steady_clock;
+
+volatile sig_atomic_t g_stop = 0;
+extern "C" void OnBenchStop(int) { g_stop = 1; }
+// Interrupts a blocking queue read that waits too long (see Watchdog).
+extern "C" void OnWake(int) {}
+
+constexpr int kHeaderLen = 4;
+constexpr int kReadyTimeoutMs = 10000;
+constexpr int kQuitGraceMs = 3000;
+constexpr int kStallMs = 3000;            // no answer this long: the run failed
+constexpr int kReconnectGapMs = 300;      // the server stays away this long
+constexpr double kTargetThroughput = 0.9;
+constexpr double kTargetCpu = 1.2;
+
+struct Options {
+    std::string compPath;
+    double seconds = 3.0;
+    int rounds = 5;
+    double warmup = 1.0;
+    std::vector<int> inflight{1, 16};
+    std::vector<std::string> styles{"fixed", "deadline"};
+    int level = 3;
+    int bodyBytes = 32;
+    int reconnects = 5;
+    bool keep = false;
+};
+
+void Usage() {
+    std::fprintf(stderr,
+                 "usage: bench_pc [--comp PATH] [--seconds S] [--rounds N] [--warmup S] [--inflight 1,16]\n"
+                 "                [--styles fixed,deadline] [--level L] [--body BYTES] [--reconnects N] [--keep]\n");
+}
+
+std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> out;
+    size_t pos = 0;
+    for (size_t comma; (comma = text.find(',', pos)) != std::string::npos; pos = comma + 1)
+        out.push_back(text.substr(pos, comma - pos));
+    out.push_back(text.substr(pos));
+    return out;
+}
+
+bool ParseOptions(int argc, char** argv, Options* o) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
+        auto number = [&](double lo, double hi) -> std::optional<double> {
+            if (v == nullptr) return std::nullopt;
+            char* end = nullptr;
+            double d = std::strtod(v, &end);
+            ++i;
+            if (end == v || *end != '\0' || d < lo || d > hi) return std::nullopt;
+            return d;
+        };
+        std::optional<double> d;
+        if (a == "--keep") {
+            o->keep = true;
+        } else if (a == "--comp" && v != nullptr) {
+            o->compPath = argv[++i];
+        } else if (a == "--styles" && v != nullptr) {
+            o->styles = Words(argv[++i]);
+            for (const std::string& s : o->styles)
+                if (s != "fixed" && s != "deadline") return false;
+        } else if (a == "--inflight" && v != nullptr) {
+            o->inflight.clear();
+            for (const std::string& w : Words(argv[++i])) {
+                auto n = kit::ParseLong(w);
+                if (!n || *n < 1 || *n > 256) return false;
+                o->inflight.push_back(static_cast<int>(*n));
+            }
+        } else if (a == "--seconds" && (d = number(0.1, 600))) {
+            o->seconds = *d;
+        } else if (a == "--rounds" && (d = number(1, 100))) {
+            o->rounds = static_cast<int>(*d);
+        } else if (a == "--warmup" && (d = number(0, 60))) {
+            o->warmup = *d;
+        } else if (a == "--level" && (d = number(1, 4))) {
+            o->level = static_cast<int>(*d);
+        } else if (a == "--body" && (d = number(12, 9000))) {
+            o->bodyBytes = static_cast<int>(*d);
+        } else if (a == "--reconnects" && (d = number(0, 100))) {
+            o->reconnects = static_cast<int>(*d);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+int64_t NowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count();
+}
+
+bool FileExists(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0;
+}
+
+std::string Tail(const std::string& path, size_t maxBytes = 2000) {
+    std::string text = kit::ReadWholeFile(path).value_or("");
+    return text.size() > maxBytes ? "..." + text.substr(text.size() - maxBytes) : text;
+}
+
+// ---------------------------------------------------------------------------
+// The echo server: a thread accepting, and one thread per connection sending
+// back every byte it receives. Drop() takes the whole server away (its
+// clients see the connection closed); Listen() brings it back.
+// ---------------------------------------------------------------------------
+class EchoServer {
+public:
+    explicit EchoServer(int port) : port_(port) {}
+    ~EchoServer() { Drop(); }
+
+    bool Listen(std::string* why) {
+        listener_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        int on = 1;
+        setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sa.sin_port = htons(static_cast<uint16_t>(port_));
+        if (bind(listener_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+            listen(listener_.get(), 16) != 0) {
+            *why = "echo server on 127.0.0.1:" + std::to_string(port_) + ": " + std::strerror(errno);
+            listener_.reset();
+            return false;
+        }
+        acceptor_ = std::thread([this, lsn = listener_.get()] { AcceptLoop(lsn); });
+        return true;
+    }
+    void Drop() {
+        if (listener_.valid()) shutdown(listener_.get(), SHUT_RDWR);
+        if (acceptor_.joinable()) acceptor_.join();
+        listener_.reset();
+        std::vector<std::thread> echoes;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            for (int fd : conns_) shutdown(fd, SHUT_RDWR);
+            echoes.swap(echoes_);
+        }
+        for (std::thread& t : echoes) t.join();
+        std::lock_guard<std::mutex> lock(mu_);
+        for (int fd : conns_) close(fd);
+        conns_.clear();
+    }
+
+private:
+    void AcceptLoop(int lsn) {
+        for (;;) {
+            int fd = accept4(lsn, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) {
+                if (errno == EINTR) continue;
+                return;
+            }
+            int on = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            std::lock_guard<std::mutex> lock(mu_);
+            conns_.push_back(fd);
+            echoes_.emplace_back([fd] { Echo(fd); });
+        }
+    }
+    static void Echo(int fd) {
+        std::vector<char> buf(65536);
+        for (;;) {
+            ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return;
+            for (ssize_t done = 0; done < n;) {
+                ssize_t s = send(fd, buf.data() + done, static_cast<size_t>(n - done), MSG_NOSIGNAL);
+                if (s < 0 && errno == EINTR) continue;
+                if (s <= 0) return;
+                done += s;
+            }
+        }
+    }
+
+    int port_;
+    kit::UniqueFd listener_;
+    std::thread acceptor_;
+    std::mutex mu_;
+    std::vector<int> conns_;            // guarded by mu_
+    std::vector<std::thread> echoes_;   // guarded by mu_
+};
+
+// ---------------------------------------------------------------------------
+// A child process of the bench, stopped by pid on every way out.
+// ---------------------------------------------------------------------------
+class Child {
+public:
+    Child() = default;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() { Stop(); }
+
+    bool Start(const std::vector<std::string>& argv, const std::string& output, std::string* why) {
+        kit::SpawnOptions plan;
+        plan.path = argv[0];
+        plan.argv = argv;
+        plan.outputPath = output;
+        output_ = output;
+        pid_ = kit::Spawn(plan, why);
+        return pid_ > 0;
+    }
+    // False once it has ended (it is reaped then).
+    bool Alive() {
+        int status = 0;
+        if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) return true;
+        pid_ = -1;
+        return false;
+    }
+    // Waits until `path` exists (the child made it once ready).
+    bool WaitForFile(const std::string& path, std::string* why) {
+        for (const int64_t end = kit::NowMs() + kReadyTimeoutMs; !g_stop && kit::NowMs() < end; kit::SleepMs(10)) {
+            if (FileExists(path)) return true;
+            if (!Alive()) {
+                *why = "it ended before it was ready";
+                return false;
+            }
+        }
+        *why = "not ready in time";
+        return false;
+    }
+    void Freeze() const { kill(pid_, SIGSTOP); }
+    void Thaw() const { kill(pid_, SIGCONT); }
+    // Quits it through its control FIFO when given, else SIGTERM; SIGKILL
+    // after a grace time.
+    void Stop(const std::string& controlFifo = "") {
+        if (pid_ <= 0) return;
+        Thaw();
+        int status = 0;
+        if (!controlFifo.empty()) {
+            int fd = open(controlFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            if (fd >= 0) {
+                bool sent = write(fd, "x", 1) == 1;
+                close(fd);
+                if (sent && kit::WaitChild(pid_, kQuitGraceMs, &status)) {
+                    pid_ = -1;
+                    return;
+                }
+            }
+        }
+        kit::StopChild(pid_, kQuitGraceMs);
+        pid_ = -1;
+    }
+    pid_t pid() const { return pid_; }
+    const std::string& output() const { return output_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string output_;
+};
+
+// ---------------------------------------------------------------------------
+// The router's side: queue a message for a relay, read what comes back.
+// ---------------------------------------------------------------------------
+class Router {
+public:
+    Router(int toRouter, int fromRouter) : q7_(toRouter), q8_(fromRouter), in_(std::make_unique<QueueMsg>()),
+                                          out_(std::make_unique<QueueMsg>()) {
+        self_ = pthread_self();
+        watchdog_ = std::thread([this] { Watch(); });
+    }
+    ~Router() {
+        done_ = true;
+        watchdog_.join();
+    }
+
+    // The next message a relay put on queue 7 for the router; its text length,
+    // or -1 when none came for kStallMs (or the bench is stopping).
+    int Receive(pid_t relay) {
+        waiting_ = true;
+        for (;;) {
+            ssize_t n = msgrcv(q7_, in_.get(), sizeof in_->caText, relay, 0);
+            if (n >= 0) {
+                waiting_ = false;
+                lastMs_ = kit::NowMs();
+                return static_cast<int>(n);
+            }
+            if (errno != EINTR || g_stop || kit::NowMs() - lastMs_ >= kStallMs) {
+                waiting_ = false;
+                return -1;
+            }
+        }
+    }
+    bool IsNotice() const { return Get<uint16_t>(in_->caText, plat::kKind) == plat::kKindNotice; }
+    std::string NoticeCode() const { return std::string(in_->caText + plat::kHeaderLen, 4); }
+    const char* Text() const { return in_->caText; }
+
+    // Queues a message for the route and rings the relay's FIFO.
+    bool Send(int route, int bellFd, const std::string& body) {
+        char* t = out_->caText;
+        std::memset(t, 0, plat::kHeaderLen);
+        Put<uint16_t>(t, plat::kTotalLen, static_cast<uint16_t>(plat::kHeaderLen + body.size()));
+        Put<uint16_t>(t, plat::kRoute, static_cast<uint16_t>(route));
+        std::memcpy(t + plat::kHeaderLen, body.data(), body.size());
+        out_->lMsgType = route;
+        if (msgsnd(q8_, out_.get(), plat::kHeaderLen + body.size(), IPC_NOWAIT) != 0) return false;
+        return write(bellFd, "0", 1) == 1;
+    }
+    // Drops what is left on queue 8 for the route and on queue 7 from the relay.
+    void Drain(int route, pid_t relay) {
+        while (msgrcv(q8_, in_.get(), sizeof in_->caText, route, IPC_NOWAIT) >= 0) {
+        }
+        while (relay > 0 && msgrcv(q7_, in_.get(), sizeof in_->caText, relay, IPC_NOWAIT) >= 0) {
+        }
+    }
+    void Restart() { lastMs_ = kit::NowMs(); }
+
+private:
+    template <typename T>
+    static T Get(const char* p, int off) {
+        T v;
+        std::memcpy(&v, p + off, sizeof v);
+        return v;
+    }
+    template <typename T>
+    static void Put(char* p, int off, T v) {
+        std::memcpy(p + off, &v, sizeof v);
+    }
+    // Wakes a blocked receive now and then, so that it can give up.
+    void Watch() {
+        while (!done_) {
+            kit::SleepMs(200);
+            if (waiting_ && kit::NowMs() - lastMs_ >= kStallMs) pthread_kill(self_, SIGUSR2);
+        }
+    }
+
+    int q7_, q8_;
+    std::unique_ptr<QueueMsg> in_, out_;
+    pthread_t self_;
+    std::thread watchdog_;
+    std::atomic<bool> done_{false}, waiting_{false};
+    std::atomic<int64_t> lastMs_{kit::NowMs()};
+};
+
+// One relay under test: its process, route and doorbell.
+struct Relay {
+    const char* name;
+    Child* proc;
+    int route;
+    kit::UniqueFd bell;
+};
+
+// A message of the run: the framed body, numbered.
+std::string Message(uint64_t seq, int bodyBytes) {
+    std::string body(static_cast<size_t>(bodyBytes), 'x');
+    char head[32];
+    int n = std::snprintf(head, sizeof head, "DATA%010llu", static_cast<unsigned long long>(seq));
+    std::memcpy(body.data(), head, static_cast<size_t>(std::min(n, bodyBytes)));
+    return bench::FrameRequest(body, kHeaderLen);
+}
+
+struct RunMetrics {
+    double rate = 0, p50 = 0, p99 = 0, cpuPerMsg = 0, volPerMsg = 0, involPerMsg = 0;
+    uint64_t messages = 0, failures = 0;
+    std::string firstError;
+};
+
+// One timed run: `window` messages in flight through the relay for `seconds`.
+RunMetrics MeasureRun(Router& router, Relay& r, Relay& other, int window, double seconds, int bodyBytes) {
+    other.proc->Freeze();
+    r.proc->Thaw();
+    router.Drain(r.route, r.proc->pid());
+    router.Restart();
+    bench::CpuMeter cpu(r.proc->pid());
+    cpu.start();
+    RunMetrics m;
+    std::vector<uint32_t> lat;
+    lat.reserve(1 << 18);
+    std::deque<int64_t> sentAt;
+    uint64_t next = 0, expect = 0;
+    const int64_t start = NowUs(), end = start + static_cast<int64_t>(seconds * 1e6);
+    int64_t last = start;
+    while (!g_stop) {
+        while (NowUs() < end && sentAt.size() < static_cast<size_t>(window)) {
+            if (!router.Send(r.route, r.bell.get(), Message(next, bodyBytes))) {
+                m.firstError = std::string("queueing for the relay: ") + std::strerror(errno);
+                break;
+            }
+            sentAt.push_back(NowUs());
+            ++next;
+        }
+        if (sentAt.empty() || !m.firstError.empty()) break;
+        int len = router.Receive(r.proc->pid());
+        if (len < 0) {
+            m.firstError = "no answer for " + std::to_string(kStallMs / 1000) + " s";
+            break;
+        }
+        if (router.IsNotice()) {
+            m.firstError = "notification " + router.NoticeCode() + " during the run";
+            continue;
+        }
+        last = NowUs();
+        const std::string want = Message(expect, bodyBytes);
+        if (len != plat::kHeaderLen + static_cast<int>(want.size()) ||
+            std::memcmp(router.Text() + plat::kHeaderLen, want.data(), want.size()) != 0) {
+            ++m.failures;
+            if (m.firstError.empty()) m.firstError = "answer differs from message " + std::to_string(expect);
+        }
+        lat.push_back(static_cast<uint32_t>(std::clamp<int64_t>(last - sentAt.front(), 0, UINT32_MAX)));
+        sentAt.pop_front();
+        ++expect;
+    }
+    const double cpuUs = cpu.elapsedMicros();
+    const bench::CtxSwitches cs = cpu.elapsedSwitches();
+    other.proc->Thaw();
+    m.failures += sentAt.size();
+    m.messages = lat.size();
+    const double secs = static_cast<double>(last - start) / 1e6;
+    m.rate = secs > 0 ? static_cast<double>(m.messages) / secs : 0;
+    m.p50 = bench::Quantile(lat, 0.50);
+    m.p99 = bench::Quantile(lat, 0.99);
+    if (m.messages > 0) {
+        const double n = static_cast<double>(m.messages);
+        m.cpuPerMsg = cpuUs / n;
+        m.volPerMsg = static_cast<double>(cs.voluntary) / n;
+        m.involPerMsg = static_cast<double>(cs.involuntary) / n;
+    }
+    return m;
+}
+
+struct Series {
+    std::vector<RunMetrics> a, b;
+};
+
+double MedianOf(const std::vector<RunMetrics>& runs, double RunMetrics::*field) {
+    std::vector<double> v;
+    for (const RunMetrics& r : runs) v.push_back(r.*field);
+    return bench::Median(v);
+}
+
+// The rounds' own A/B ratios: their median, lowest and highest.
+struct Ratio {
+    double median = 0, lo = 0, hi = 0;
+};
+Ratio PairedRatio(const Series& s, double RunMetrics::*field) {
+    std::vector<double> v;
+    for (size_t i = 0; i < s.a.size() && i < s.b.size(); ++i)
+        if (s.b[i].*field > 0) v.push_back(s.a[i].*field / s.b[i].*field);
+    if (v.empty()) return {};
+    return {bench::Median(v), *std::min_element(v.begin(), v.end()), *std::max_element(v.begin(), v.end())};
+}
+
+void PrintRunLine(int window, const std::string& label, const RunMetrics& a, const RunMetrics& b) {
+    std::printf("  %2d in flight %-8s  comp %7.0f/s p50 %5.0f p99 %6.0f us %5.1f us CPU | baseline %7.0f/s p50 %5.0f "
+                "p99 %6.0f us %5.1f us CPU\n",
+                window, label.c_str(), a.rate, a.p50, a.p99, a.cpuPerMsg, b.rate, b.p50, b.p99, b.cpuPerMsg);
+    for (const RunMetrics* m : {&a, &b})
+        if (m->failures > 0 || !m->firstError.empty())
+            std::printf("      %s: %llu lost or wrong, first: %s\n", m == &a ? "comp" : "baseline",
+                        static_cast<unsigned long long>(m->failures), m->firstError.c_str());
+}
+
+struct Reconnects {
+    std::vector<double> afterLossMs, afterBackMs;
+    int failed = 0;
+};
+
+// The server goes away and comes back kReconnectGapMs later, n times; the
+// time from the loss (N003) and from the server's return to the N001.
+Reconnects MeasureReconnects(Router& router, EchoServer& server, Child& comp, int n, std::string* why) {
+    Reconnects out;
+    for (int i = 0; i < n && !g_stop; ++i) {
+        router.Restart();
+        server.Drop();
+        int len = router.Receive(comp.pid());
+        if (len < 0 || !router.IsNotice() || router.NoticeCode() != "N003") {
+            ++out.failed;
+            *why = "no N003 after the server went";
+            break;
+        }
+        const int64_t lost = NowUs();
+        kit::SleepMs(kReconnectGapMs);
+        if (!server.Listen(why)) break;
+        const int64_t back = NowUs();
+        for (;;) {
+            router.Restart();
+            len = router.Receive(comp.pid());
+            if (len < 0 || (router.IsNotice() && router.NoticeCode() == "N001")) break;
+        }
+        if (len < 0) {
+            ++out.failed;
+            *why = "no N001 after the server came back";
+            break;
+        }
+        const int64_t up = NowUs();
+        out.afterLossMs.push_back(static_cast<double>(up - lost) / 1000.0);
+        out.afterBackMs.push_back(static_cast<double>(up - back) / 1000.0);
+    }
+    return out;
+}
+
+std::string Range(std::vector<double> v) {
+    if (v.empty()) return "-";
+    char text[96];
+    std::snprintf(text, sizeof text, "%.0f (%.0f..%.0f)", bench::Median(v), *std::min_element(v.begin(), v.end()),
+                  *std::max_element(v.begin(), v.end()));
+    return text;
+}
+
+struct StyleResult {
+    std::string style;
+    std::vector<std::pair<int, Series>> byWindow;
+    Reconnects reconnects;
+};
+
+void PrintTable(const Options& opt, const std::vector<StyleResult>& results, int interval) {
+    std::printf("\nResults: medians over %d rounds of %.1f s at LOG_LEVEL %d; ratios comp/baseline are the median of "
+                "the rounds' own ratios (lowest..highest)\n",
+                opt.rounds, opt.seconds, opt.level);
+    std::printf("CPU and context switches (voluntary/involuntary) per message, from /proc/<pid>/stat and status\n");
+    std::printf("%-9s %-8s %-9s %9s %8s %8s %9s %13s %7s\n", "wait", "inflight", "relay", "msg/s", "p50 us",
+                "p99 us", "CPU/msg", "cs v/i", "lost");
+    for (const StyleResult& sr : results)
+        for (const auto& [window, s] : sr.byWindow) {
+            if (s.a.empty()) continue;
+            for (int side = 0; side < 2; ++side) {
+                const std::vector<RunMetrics>& runs = side == 0 ? s.a : s.b;
+                uint64_t lost = 0;
+                for (const RunMetrics& r : runs) lost += r.failures;
+                std::printf("%-9s %-8d %-9s %9.0f %8.0f %8.0f %7.1fus %6.2f/%-6.2f %7llu\n", sr.style.c_str(), window,
+                            side == 0 ? "comp" : "baseline", MedianOf(runs, &RunMetrics::rate),
+                            MedianOf(runs, &RunMetrics::p50), MedianOf(runs, &RunMetrics::p99),
+                            MedianOf(runs, &RunMetrics::cpuPerMsg), MedianOf(runs, &RunMetrics::volPerMsg),
+                            MedianOf(runs, &RunMetrics::involPerMsg), static_cast<unsigned long long>(lost));
+            }
+            const Ratio rate = PairedRatio(s, &RunMetrics::rate), p50 = PairedRatio(s, &RunMetrics::p50),
+                        p99 = PairedRatio(s, &RunMetrics::p99), cpu = PairedRatio(s, &RunMetrics::cpuPerMsg);
+            std::printf("%-9s %-8d %-9s %5.2f (%.2f..%.2f)  p50 %.2f (%.2f..%.2f)  p99 %.2f (%.2f..%.2f)  CPU %.2f "
+                        "(%.2f..%.2f)\n",
+                        sr.style.c_str(), window, "comp/base", rate.median, rate.lo, rate.hi, p50.median, p50.lo,
+                        p50.hi, p99.median, p99.lo, p99.hi, cpu.median, cpu.lo, cpu.hi);
+        }
+    std::printf("\nVerdicts (targets in the deadline style: throughput >= %.2f of the baseline, CPU per message <= "
+                "%.2fx; the fixed style is reported)\n",
+                kTargetThroughput, kTargetCpu);
+    for (const StyleResult& sr : results)
+        for (const auto& [window, s] : sr.byWindow) {
+            if (s.a.empty()) continue;
+            const bool target = sr.style == "deadline";
+            auto mark = [&](bool ok) { return !target ? "(reported)" : ok ? "PASS" : "MISS"; };
+            const double rate = PairedRatio(s, &RunMetrics::rate).median,
+                         cpu = PairedRatio(s, &RunMetrics::cpuPerMsg).median;
+            std::printf("  %-8s %2d in flight: throughput %.2f of baseline %-10s  CPU per message %.2fx %s\n",
+                        sr.style.c_str(), window, rate, mark(rate >= kTargetThroughput), cpu, mark(cpu <= kTargetCpu));
+        }
+    std::printf("\nReconnect after the server comes back (RECONNINTERVAL %d s; the server stays away %d ms; "
+                "median (lowest..highest) in ms)\n",
+                interval, kReconnectGapMs);
+    for (const StyleResult& sr : results) {
+        const Reconnects& r = sr.reconnects;
+        if (r.afterLossMs.empty() && r.failed == 0) continue;
+        std::printf("  %-8s %zu reconnects: N003 -> N001 %s, server back -> N001 %s%s\n", sr.style.c_str(),
+                    r.afterLossMs.size(), Range(r.afterLossMs).c_str(), Range(r.afterBackMs).c_str(),
+                    r.failed ? ", some failed" : "");
+    }
+}
+
+// Opens a relay's doorbell FIFO for writing (it exists once the relay is ready).
+bool OpenBell(const std::string& runDir, int route, kit::UniqueFd* bell, std::string* why) {
+    const std::string path = runDir + "/fifo/" + std::to_string(comp::kFifoRouteNotify) + "_" +
+                             std::to_string(route) + "_1";
+    bell->reset(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!bell->valid()) *why = path + ": " + std::strerror(errno);
+    return bell->valid();
+}
+
+// One wait style: comp and the baseline started afresh, the rounds, then the
+// reconnects (comp alone).
+bool RunStyle(const Options& opt, bench::BenchPlatform& platform, Router& router, EchoServer& server,
+              const std::string& style, StyleResult* out) {
+    const std::string runDir = platform.runDir();
+    const bench::BenchRoutes& routes = platform.routes();
+    std::string why;
+    if (!platform.SetAppVars(opt.level, style == "deadline" ? "COMP_WAIT DEADLINE\n" : "", &why)) {
+        std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
+        return false;
+    }
+    Child base, comp;
+    const std::string self = kit::SelfExe(), pcRoute = std::to_string(routes.pcRoute);
+    if (!base.Start({self, "--role", "pcbaseline", runDir, std::to_string(routes.pcBaseRoute),
+                     std::to_string(routes.pcServerPort)},
+                    runDir + "/log/pcbaseline_" + style + ".out", &why) ||
+        !base.WaitForFile(runDir + "/fifo/2_" + std::to_string(routes.pcBaseRoute) + "_1", &why)) {
+        std::fprintf(stderr, "bench_pc: baseline relay: %s\n%s", why.c_str(), Tail(base.output()).c_str());
+        return false;
+    }
+    if (!comp.Start({opt.compPath, "SysTCPPC", pcRoute, "1", "0", "PC" + pcRoute + "_" + style},
+                    runDir + "/log/comp_pc_" + style + ".out", &why) ||
+        !comp.WaitForFile(runDir + "/fifo/2_" + pcRoute + "_1", &why)) {
+        std::fprintf(stderr, "bench_pc: comp SysTCPPC: %s\n%s", why.c_str(), Tail(comp.output()).c_str());
+        return false;
+    }
+    router.Restart();
+    if (router.Receive(comp.pid()) < 0 || !router.IsNotice() || router.NoticeCode() != "N001") {
+        std::fprintf(stderr, "bench_pc: comp did not connect to the echo server\n");
+        return false;
+    }
+    Relay a{"comp", &comp, routes.pcRoute, {}}, b{"baseline", &base, routes.pcBaseRoute, {}};
+    if (!OpenBell(runDir, a.route, &a.bell, &why) || !OpenBell(runDir, b.route, &b.bell, &why)) {
+        std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
+        return false;
+    }
+    std::printf("\n%s wait: comp pid %d, baseline pid %d\n", style.c_str(), static_cast<int>(comp.pid()),
+                static_cast<int>(base.pid()));
+    out->style = style;
+    for (int window : opt.inflight) {
+        if (g_stop) break;
+        auto run = [&](Relay& r, Relay& o, double s) { return MeasureRun(router, r, o, window, s, opt.bodyBytes); };
+        if (opt.warmup > 0) {
+            RunMetrics wa = run(a, b, opt.warmup), wb = run(b, a, opt.warmup);
+            PrintRunLine(window, "warm-up", wa, wb);
+        }
+        Series s;
+        for (int round = 0; round < opt.rounds && !g_stop; ++round) {
+            RunMetrics ma, mb;
+            if (round % 2 == 0) {
+                ma = run(a, b, opt.seconds);
+                mb = run(b, a, opt.seconds);
+            } else {
+                mb = run(b, a, opt.seconds);
+                ma = run(a, b, opt.seconds);
+            }
+            if (g_stop) break;
+            s.a.push_back(ma);
+            s.b.push_back(mb);
+            PrintRunLine(window, "round " + std::to_string(round + 1), ma, mb);
+            platform.TrimLogs();
+        }
+        out->byWindow.emplace_back(window, std::move(s));
+    }
+    base.Stop();
+    router.Drain(b.route, 0);
+    if (!g_stop && opt.reconnects > 0) {
+        out->reconnects = MeasureReconnects(router, server, comp, opt.reconnects, &why);
+        if (out->reconnects.failed) std::printf("  reconnects: %s\n", why.c_str());
+    }
+    if (!comp.Alive()) std::fprintf(stderr, "bench_pc: comp ended during the runs\n%s", Tail(comp.output()).c_str());
+    comp.Stop(runDir + "/fifo/3_" + std::to_string(comp.pid()) + "_1");
+    return true;
+}
+
+int RunBench(const Options& opt) {
+    const std::vector<std::string> limits = kit::EnsureQueueLimits();
+    for (const std::string& l : limits) std::fprintf(stderr, "bench_pc: %s\n", l.c_str());
+    if (!limits.empty()) return 1;
+    bench::BenchPlatform platform;
+    std::string why;
+    if (!platform.Create(opt.level, &why)) {
+        std::fprintf(stderr, "bench_pc: platform: %s\n", why.c_str());
+        return 1;
+    }
+    if (opt.keep) platform.KeepDirectory();
+    int toRouter = -1, fromRouter = -1;
+    EchoServer server(platform.routes().pcServerPort);
+    if (!bench::PlatformQueues(platform.runDir(), &toRouter, &fromRouter, &why) || !server.Listen(&why)) {
+        std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
+        return 1;
+    }
+    const int64_t started = kit::NowMs();
+    std::printf("bench_pc: comp %s\n  platform %s (keys 0x%08x..), PC route %d and baseline route %d, echo server on "
+                "127.0.0.1:%d\n  messages of %d bytes (%d-byte header, then the body), %d rounds x %.1f s after %.1f "
+                "s warm-up, the other relay frozen\n",
+                opt.compPath.c_str(), platform.runDir().c_str(), static_cast<unsigned>(platform.keyBase()),
+                platform.routes().pcRoute, platform.routes().pcBaseRoute, platform.routes().pcServerPort,
+                kHeaderLen + opt.bodyBytes, kHeaderLen, opt.rounds, opt.seconds, opt.warmup);
+    std::vector<StyleResult> results;
+    int status = 0;
+    {
+        Router router(toRouter, fromRouter);
+        for (const std::string& style : opt.styles) {
+            if (g_stop) break;
+            StyleResult r;
+            if (!RunStyle(opt, platform, router, server, style, &r)) status = 1;
+            results.push_back(std::move(r));
+        }
+    }
+    server.Drop();
+    if (g_stop) {
+        std::printf("bench_pc: interrupted; partial results\n");
+        status = 130;
+    }
+    PrintTable(opt, results, platform.routes().pcReconnInterval);
+    std::printf("\nbench_pc: %.0f s in all\n", static_cast<double>(kit::NowMs() - started) / 1000.0);
+    if (opt.keep) std::printf("bench_pc: logs kept in %s\n", platform.runDir().c_str());
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 3 && std::strcmp(argv[1], "--role") == 0) {
+        if (std::strcmp(argv[2], "pcbaseline") == 0 && argc == 6) {
+            bench::PcBaselineOptions b;
+            b.runDir = argv[3];
+            b.route = std::atoi(argv[4]);
+            b.serverPort = std::atoi(argv[5]);
+            return bench::RunPcBaselineRole(b);
+        }
+        Usage();
+        return 2;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    Options opt;
+    if (!ParseOptions(argc, argv, &opt)) {
+        Usage();
+        return 2;
+    }
+    if (opt.compPath.empty()) {
+        const std::string self = kit::SelfExe();
+        opt.compPath = self.substr(0, self.rfind('/')) + "/../comp";
+    }
+    if (access(opt.compPath.c_str(), X_OK) != 0) {
+        std::fprintf(stderr, "bench_pc: %s is not an executable; build comp or pass --comp PATH\n",
+                     opt.compPath.c_str());
+        return 1;
+    }
+    struct sigaction sa {};
+    sa.sa_handler = OnBenchStop;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    sa.sa_handler = OnWake;   // no SA_RESTART: a blocked queue read returns
+    sigaction(SIGUSR2, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return RunBench(opt);
+}
