@@ -131,8 +131,9 @@ int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
                                         "[%s,%d]SysGetenvByName error or MAX_COM_NUM lost,errno=%d,errmsg=[%s]");
     if (tableSize < 0) return -1;
     if (SysGetenvByName("LIVEMSGTYPE", pc.liveType) != 0) {
-        writelog(LOG_WARN, nullptr, 0, "[%s,%d]SysGetenvByName error or LIVEMSGTYPE lost in [LOADVARS],errno=%d,errmsg=[%s]",
-                 SRC_NAME, __LINE__, errno, std::strerror(errno));
+        writelog(LOG_WARN, nullptr, 0,
+                 "[%s,%d]SysGetenvByName error or LIVEMSGTYPE lost in [LOADVARS],errno=%d,errmsg=[%s]", SRC_NAME,
+                 __LINE__, errno, std::strerror(errno));
         std::snprintf(pc.liveType, sizeof pc.liveType, "%s", kDefaultLiveType);
     }
     pc.beatInterval = comp::RouteInt(stRoute, RT_BEATINTERVAL);

@@ -133,7 +133,8 @@ bool IsFifo(const Ps& ps, int fd) { return fd == ps.fifos.ctl || fd == ps.fifos.
 int64_t LiveDue(Ps& ps) {
     int64_t due = comp::Loop::kNever;
     ps.rows.ForEachOpen([&](int fd, PsEntry& r) {
-        if (!IsFifo(ps, fd)) due = std::min(due, (static_cast<int64_t>(r.lastActive) + ps.beatInterval + 1) * comp::kUsecPerSec);
+        if (!IsFifo(ps, fd))
+            due = std::min(due, (static_cast<int64_t>(r.lastActive) + ps.beatInterval + 1) * comp::kUsecPerSec);
     });
     return due;
 }

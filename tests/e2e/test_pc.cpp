@@ -2,7 +2,6 @@
 // connection to a server the test plays, and the test plays the router.
 #include <sys/socket.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -76,10 +75,8 @@ protected:
     // comp's connects fail with the errno in this file while it holds one.
     void PreloadConnectFault(int err) {
         SetConnectFault(err);
-        const char* asan = std::getenv("ASAN_OPTIONS");
-        compEnv = {std::string("LD_PRELOAD=") + COMP_PLUGIN_DIR + "/libconnectfault.so",
-                   "COMPTEST_CONNECT_FAULT=" + run.file("connect.fault"),
-                   std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
+        compEnv = PreloadEnv(COMP_PLUGIN_DIR "/libconnectfault.so");
+        compEnv.push_back("COMPTEST_CONNECT_FAULT=" + run.file("connect.fault"));
     }
     void SetConnectFault(int err) { std::ofstream(run.file("connect.fault")) << (err ? std::to_string(err) : ""); }
 

@@ -74,6 +74,8 @@ protected:
     // The environment that runs comp under libfaketime with its clock going
     // `speed` times as fast ({} when libfaketime is not installed).
     static std::vector<std::string> FastClock(int speed);
+    // The environment that preloads a library into comp.
+    static std::vector<std::string> PreloadEnv(const std::string& lib);
     // Waits for comp i to end; its exit status, or -1 when it still runs (or
     // died by a signal: then -signal-100).
     int WaitComp(size_t i, int timeoutMs);
