@@ -64,6 +64,31 @@ void PutNetHeader(char* text, int msgLen, pid_t pid, int route, int sock, int po
     text[plat::kFlag] = 'M';
 }
 
+// The FIFO a relay is rung on: made by the relay (its existence tells the
+// bench that the relay serves) and removed when the relay goes.
+class Doorbell {
+public:
+    ~Doorbell() {
+        fd_.reset();
+        if (!path_.empty()) unlink(path_.c_str());
+    }
+    bool Open(const std::string& path, std::string* why) {
+        if (mkfifo(path.c_str(), 0644) != 0 && errno != EEXIST) {
+            *why = path + ": " + std::strerror(errno);
+            return false;
+        }
+        path_ = path;
+        fd_.reset(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        if (!fd_.valid()) *why = path + ": " + std::strerror(errno);
+        return fd_.valid();
+    }
+    int get() const { return fd_.get(); }
+
+private:
+    std::string path_;
+    kit::UniqueFd fd_;
+};
+
 constexpr int kPollMs = 200;          // how often a quiet loop looks at the stop flag
 constexpr int kMaxConns = 1024;       // descriptors the relay serves
 constexpr int kListenBacklog = 128;   // as the bench platform's KERNEL_BACKLOG
@@ -99,16 +124,14 @@ private:
     std::vector<Conn> conns_;
     std::vector<int> reading_;       // connections whose request is still to come
     std::vector<pollfd> pfds_;
-    std::string bellPath_;
-    kit::UniqueFd bell_, listener_;
+    Doorbell bell_;
+    kit::UniqueFd listener_;
     long failures_ = 0;
 };
 
 BaselineRelay::~BaselineRelay() {
     for (int fd = 0; fd < kMaxConns; ++fd)
         if (conns_[fd].open) close(fd);
-    bell_.reset();
-    if (!bellPath_.empty()) unlink(bellPath_.c_str());
 }
 
 // The listener first, then the doorbell: the FIFO's existence tells the
@@ -130,19 +153,8 @@ bool BaselineRelay::Open(std::string* why) {
         *why = "listen on 127.0.0.1:" + std::to_string(opt_.port) + ": " + std::strerror(errno);
         return false;
     }
-    const std::string path =
-        opt_.runDir + "/fifo/" + std::to_string(comp::kFifoPidNotify) + "_" + std::to_string(pid_);
-    if (mkfifo(path.c_str(), 0644) != 0 && errno != EEXIST) {
-        *why = path + ": " + std::strerror(errno);
-        return false;
-    }
-    bellPath_ = path;
-    bell_.reset(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    if (!bell_.valid()) {
-        *why = path + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return bell_.Open(opt_.runDir + "/fifo/" + std::to_string(comp::kFifoPidNotify) + "_" + std::to_string(pid_),
+                      why);
 }
 
 void BaselineRelay::Close(int fd) {
@@ -283,6 +295,29 @@ bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, s
     return true;
 }
 
+namespace {
+
+// A relay role: the platform's queues, the relay opened, its loop run.
+template <class Relay, class Options>
+int RunRelayRole(const char* name, const Options& opt) {
+    InstallStopHandlers();
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    int toRouter = -1, fromRouter = -1;
+    std::string why;
+    if (!PlatformQueues(opt.runDir, &toRouter, &fromRouter, &why)) {
+        std::fprintf(stderr, "%s: %s\n", name, why.c_str());
+        return 1;
+    }
+    Relay relay(opt, toRouter, fromRouter);
+    if (!relay.Open(&why)) {
+        std::fprintf(stderr, "%s: %s\n", name, why.c_str());
+        return 1;
+    }
+    return relay.Run();
+}
+
+}  // namespace
+
 int DecimalHeaderLength(const char* header, int headerLen) {
     if (headerLen <= 0 || headerLen > 9) return -1;
     int v = 0;
@@ -330,21 +365,8 @@ int RunRouterRole(const std::string& runDir) {
 }
 
 int RunBaselineRole(const BaselineOptions& opt) {
-    InstallStopHandlers();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     kit::RunDirScope scope(opt.runDir);
-    int toRouter = -1, fromRouter = -1;
-    std::string why;
-    if (!PlatformQueues(opt.runDir, &toRouter, &fromRouter, &why)) {
-        std::fprintf(stderr, "baseline: %s\n", why.c_str());
-        return 1;
-    }
-    BaselineRelay relay(opt, toRouter, fromRouter);
-    if (!relay.Open(&why)) {
-        std::fprintf(stderr, "baseline: %s\n", why.c_str());
-        return 1;
-    }
-    return relay.Run();
+    return RunRelayRole<BaselineRelay>("baseline", opt);
 }
 
 // ---- the persistent-client baseline ---------------------------------------------
@@ -356,10 +378,6 @@ public:
     PcBaselineRelay(const PcBaselineOptions& opt, int toRouter, int fromRouter)
         : opt_(opt), toRouter_(toRouter), fromRouter_(fromRouter), pid_(getpid()),
           out_(std::make_unique<QueueMsg>()), in_(std::make_unique<QueueMsg>()) {}
-    ~PcBaselineRelay() {
-        bell_.reset();
-        if (!bellPath_.empty()) unlink(bellPath_.c_str());
-    }
     bool Open(std::string* why);
     int Run();
 
@@ -373,8 +391,8 @@ private:
     std::unique_ptr<QueueMsg> out_;   // messages for the router: header room, then what came
     std::unique_ptr<QueueMsg> in_;    // a message from the router
     int have_ = 0;                    // bytes received behind out_'s header room
-    std::string bellPath_;
-    kit::UniqueFd bell_, server_;
+    Doorbell bell_;
+    kit::UniqueFd server_;
     char serverIp_[kIpLen] = "127.0.0.1";
 };
 
@@ -388,19 +406,9 @@ bool PcBaselineRelay::Open(std::string* why) {
         *why = "connect 127.0.0.1:" + std::to_string(opt_.serverPort) + ": " + std::strerror(errno);
         return false;
     }
-    const std::string path = opt_.runDir + "/fifo/" + std::to_string(comp::kFifoRouteNotify) + "_" +
-                             std::to_string(opt_.route) + "_1";
-    if (mkfifo(path.c_str(), 0644) != 0 && errno != EEXIST) {
-        *why = path + ": " + std::strerror(errno);
-        return false;
-    }
-    bellPath_ = path;
-    bell_.reset(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    if (!bell_.valid()) {
-        *why = path + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return bell_.Open(opt_.runDir + "/fifo/" + std::to_string(comp::kFifoRouteNotify) + "_" +
+                          std::to_string(opt_.route) + "_1",
+                      why);
 }
 
 // One doorbell, one message of the route from queue 8, its body to the server.
@@ -464,21 +472,6 @@ int PcBaselineRelay::Run() {
 
 }  // namespace
 
-int RunPcBaselineRole(const PcBaselineOptions& opt) {
-    InstallStopHandlers();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    int toRouter = -1, fromRouter = -1;
-    std::string why;
-    if (!PlatformQueues(opt.runDir, &toRouter, &fromRouter, &why)) {
-        std::fprintf(stderr, "pcbaseline: %s\n", why.c_str());
-        return 1;
-    }
-    PcBaselineRelay relay(opt, toRouter, fromRouter);
-    if (!relay.Open(&why)) {
-        std::fprintf(stderr, "pcbaseline: %s\n", why.c_str());
-        return 1;
-    }
-    return relay.Run();
-}
+int RunPcBaselineRole(const PcBaselineOptions& opt) { return RunRelayRole<PcBaselineRelay>("pcbaseline", opt); }
 
 }  // namespace bench

@@ -102,6 +102,7 @@ void PcControl(Pc& pc, int fd, unsigned ev);
 void PcRequest(Pc& pc, int fd, unsigned ev);
 int SysSendMsg(Pc& pc);
 void PcServer(Pc& pc, int fd, unsigned ev);
+bool PcReceived(Pc& pc, int fd);
 void PcForward(Pc& pc, int fd, int len);
 int RecvMsg(Pc& pc, int fd, int* total);
 int64_t SysKeepAlive(Pc& pc, int64_t now);
@@ -475,16 +476,9 @@ bool PcInputPreHandling(Pc& pc, int fd, const char* msg, int len) {
 }
 
 void PcServer(Pc& pc, int fd, unsigned) {
-    int total = 0;
     if (pc.netRule) {
         pc.noReceiver = false;
-        int len = RecvMsg(pc, fd, &total);
-        if (len < 0) {
-            COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
-            pc.loop->Close(fd);
-            return;
-        }
-        PcForward(pc, fd, len);
+        if (!PcReceived(pc, fd)) return;
         // Without a receiver nothing was read: the one-byte message has gone
         // on, and the link is dropped rather than read again on every pass.
         if (pc.noReceiver && pc.loop->IsConn(fd)) {
@@ -499,15 +493,22 @@ void PcServer(Pc& pc, int fd, unsigned) {
     ssize_t n = recv(fd, pc.in.data(), pc.in.size() / 2, 0);
     pc.inPos = 0;
     pc.inEnd = n > 0 ? static_cast<int>(n) : 0;
-    do {
-        int len = RecvMsg(pc, fd, &total);
-        if (len < 0) {
-            COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
-            pc.loop->Close(fd);
-            return;
-        }
-        PcForward(pc, fd, len);
-    } while (pc.inPos < pc.inEnd && pc.loop->IsConn(fd));
+    while (PcReceived(pc, fd) && pc.inPos < pc.inEnd && pc.loop->IsConn(fd)) {
+    }
+}
+
+// The next message from the server to TranP; false when the link was dropped
+// because it could not be read.
+bool PcReceived(Pc& pc, int fd) {
+    int total = 0;
+    int len = RecvMsg(pc, fd, &total);
+    if (len < 0) {
+        COMP_ERRLOG("[%s,%d,%s]RecvMsg error,fd=%d ,iTotalLen=%d", SRC_NAME, __LINE__, kMode, fd, total);
+        pc.loop->Close(fd);
+        return false;
+    }
+    PcForward(pc, fd, len);
+    return true;
 }
 
 // A message from the server: a heartbeat only refreshes the link, the input
