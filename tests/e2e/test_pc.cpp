@@ -138,24 +138,28 @@ TEST_F(PcTest, lost_link_is_made_again_after_the_interval) {
     struct Fault {
         const char* name;
         std::function<void(comp::UniqueFd&)> act;
+        const char* logged;
     };
     const Fault faults[] = {
-        {"server closes", [](comp::UniqueFd& c) { c.reset(); }},
+        {"server closes", [](comp::UniqueFd& c) { c.reset(); }, "RecvMsg error"},
         {"server resets mid-message",
          [](comp::UniqueFd& c) {
              Send(c.get(), "0010abc");
              linger hard{1, 0};
              setsockopt(c.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
              c.reset();
-         }},
-        {"server stalls mid-message", [](comp::UniqueFd& c) { Send(c.get(), "0010abc"); }},
+         },
+         "RecvMsg error"},
+        {"server stalls mid-message", [](comp::UniqueFd& c) { Send(c.get(), "0010abc"); }, "RecvMsg error"},
+        {"message without its type", [](comp::UniqueFd& c) { Send(c.get(), Frame("")); },
+         "SysGetMsgTypeFromHead err"},
     };
-    int n = 0;
     for (const Fault& f : faults) {
         SCOPED_TRACE(f.name);
+        const int before = LogCount(f.logged);
         f.act(conn);
         EXPECT_EQ(Next(), "N003");
-        EXPECT_TRUE(AwaitLog("RecvMsg error", ++n));
+        EXPECT_TRUE(AwaitLog(f.logged, before + 1));
         conn = Link(3000);
         EXPECT_EQ(Next(), "N001");
         Request(Frame(f.name));
