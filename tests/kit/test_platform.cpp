@@ -294,9 +294,14 @@ TEST_F(SupervisorTest, shared_listener_clients_go_to_the_instances_in_turn) {
                                      "\ninstance 31 1\ninstance 31 2\n");
     StartSupervisor();
     ASSERT_TRUE(WaitFor({"logon: PS31_"}, 2)) << Output();
-    const std::vector<pid_t> ps1 = Started("PS31_1");
+    const std::vector<pid_t> ps1 = Started("PS31_1"), ps2 = Started("PS31_2");
     ASSERT_EQ(ps1.size(), 1u);
+    ASSERT_EQ(ps2.size(), 1u);
     EXPECT_NE(kit::ProcessCmdline(ps1[0]).find("SysTCPPS 31 1 "), std::string::npos);
+    // Both take commands once their control FIFOs are open (after the logon);
+    // until then the starting process passes over an instance.
+    for (const std::string& fifo : {"3_" + std::to_string(ps1[0]) + "_1", "3_" + std::to_string(ps2[0]) + "_2"})
+        for (int i = 0; i < 500 && !fs::exists(run.file("fifo/" + fifo)); ++i) kit::SleepMs(10);
 
     std::vector<comp::UniqueFd> clients;
     for (const char* who : {"PS31_1", "PS31_2", "PS31_1"}) {
