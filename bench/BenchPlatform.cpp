@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -65,11 +66,14 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int reconn = 5,
-                      const char* beatSwitch = "-") {
+// A route row; upperPort 0 leaves IPPORTUPPER empty. An idle time-out of 0
+// keeps a forwarder's silent link (the bench measures one side at a time).
+std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0,
+                      int reconn = 5, const char* beatSwitch = "-") {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d %s 127.0.0.1:%d\n", route, name,
-                  sndType, idle, reconn, beatSwitch, port);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d %s 127.0.0.1:%d %s\n", route, name,
+                  sndType, idle, reconn, beatSwitch, port,
+                  upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-");
     return line;
 }
 
@@ -79,26 +83,36 @@ std::string TablesCfgText(const BenchRoutes& r) {
         "[PLAT_STATICROUTEINF]\n"
         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL BEATSWITCH IPPORT\n";
+        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL BEATSWITCH IPPORT IPPORTUPPER\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
+    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 0, r.fwsPort);
+    s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
+    s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
     // Persistent clients: no heartbeats of their own, an idle time-out past
     // any pause between runs.
     constexpr int kPcIdle = 3600;
-    s += RouteLine(r.pcRoute, "bench-pc", "1", r.pcServerPort, kPcIdle, r.pcReconnInterval, "0");
-    s += RouteLine(r.pcBaseRoute, "bench-pcbase", "1", r.pcServerPort, kPcIdle, r.pcReconnInterval, "0");
+    s += RouteLine(r.pcRoute, "bench-pc", "1", r.pcServerPort, kPcIdle, 0, r.pcReconnInterval, "0");
+    s += RouteLine(r.pcBaseRoute, "bench-pcbase", "1", r.pcServerPort, kPcIdle, 0, r.pcReconnInterval, "0");
     return s;
 }
 
 std::string KitCfgText(const BenchRoutes& r) {
+    // The router only answers; the listeners named for the FWS-form routes
+    // are the bench's own.
+    auto fws = [](int route, int port) {
+        return "route " + std::to_string(route) + " SysTCPFWS echo listen 127.0.0.1:" + std::to_string(port) + "\n";
+    };
     return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
-           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n";
+           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) +
+           fws(r.pairRoute, r.pairUpperPort);
 }
 
-std::string AppCfgText(int logLevel, const std::string& extraLines = "") {
+std::string AppCfgText(int logLevel, bool deadline) {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
-           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\n" + extraLines + "[]\n";
+           std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\nFTPSERVER 127.0.0.1\nFTPUSER bench\nFTPPWD bench\n" +
+           (deadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
 }
 
 }  // namespace
@@ -130,7 +144,7 @@ bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
            WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
            WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, false), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -151,12 +165,11 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     envSet_ = true;
     kit::DirectLogs(runDir_, "bench");
 
-    routes_.tsPort = FreeLoopbackPort();
-    routes_.basePort = FreeLoopbackPort();
-    routes_.tcServerPort = FreeLoopbackPort();
-    routes_.pcServerPort = FreeLoopbackPort();
-    if (routes_.tsPort <= 0 || routes_.basePort <= 0 || routes_.tcServerPort <= 0 || routes_.pcServerPort <= 0 ||
-        routes_.tsPort == routes_.basePort) {
+    std::set<int> ports;
+    for (int* p : {&routes_.tsPort, &routes_.basePort, &routes_.tcServerPort, &routes_.fwbPort, &routes_.fwsPort,
+                   &routes_.pairFrontPort, &routes_.pairUpperPort, &routes_.pcServerPort})
+        ports.insert(*p = FreeLoopbackPort());
+    if (*ports.begin() <= 0 || ports.size() != 8) {
         *why = "no free loopback ports";
         Destroy();
         return false;
@@ -199,12 +212,8 @@ void BenchPlatform::Destroy() {
     }
 }
 
-bool BenchPlatform::SetLogLevel(int logLevel, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel), why);
-}
-
-bool BenchPlatform::SetAppVars(int logLevel, const std::string& extraLines, std::string* why) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extraLines), why);
+bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline), why);
 }
 
 void BenchPlatform::TrimLogs() const {

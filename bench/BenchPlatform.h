@@ -18,6 +18,14 @@ struct BenchRoutes {
     int tsPort = 0;       // loopback listen ports (0: picked free)
     int basePort = 0;
     int tcServerPort = 0; // where TC would connect; nothing listens there
+    // The forwarder pair (bench_fw): FWB's clients arrive on fwbPort, its
+    // link goes to FWS on fwsPort; the baseline relay pair likewise on
+    // pairFrontPort and pairUpperPort. The router echoes routes 61 and 62.
+    int fwbRoute = 60;    // comp SysTCPFWB
+    int fwsRoute = 61;    // comp SysTCPFWS
+    int pairRoute = 62;   // the upper half of the baseline relay pair
+    int fwbPort = 0, fwsPort = 0;
+    int pairFrontPort = 0, pairUpperPort = 0;
 
     // The persistent-client benchmark: comp SysTCPPC and the PC baseline
     // relay, both clients of the bench's echo server.
@@ -43,11 +51,9 @@ public:
     // Destroy() leaves the directory (configuration and logs) in place.
     void KeepDirectory() { keepDir_ = true; }
 
-    // Rewrites app.cfg; a comp started afterwards reads the new level.
-    bool SetLogLevel(int logLevel, std::string* why);
-    // The same with further [APPVARS] lines ("NAME VALUE\n"), e.g. the wait
-    // style "COMP_WAIT DEADLINE\n".
-    bool SetAppVars(int logLevel, const std::string& extraLines, std::string* why);
+    // Rewrites app.cfg; a comp started afterwards reads the new level (and
+    // with deadline set, waits in the deadline style).
+    bool SetLogLevel(int logLevel, std::string* why, bool deadline = false);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;

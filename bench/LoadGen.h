@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,14 @@ struct LoadResult {
 
 // Runs the clients; a set *stop ends the run early.
 LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop);
+
+// Persistent clients: each connects once and exchanges one request untimed
+// (a relay that accepts on command has taken it then); when all are ready,
+// onReady runs (start the meters there) and each loops send -> read the
+// whole answer on its connection for opt.seconds. A client whose exchange
+// fails stops.
+LoadResult RunPersistentLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop,
+                             const std::function<void()>& onReady);
 
 // A request in the benchmark's framing: the body length in headerLen
 // decimal digits, then the body.

@@ -26,6 +26,27 @@ struct BaselineOptions {
 };
 int RunBaselineRole(const BaselineOptions& opt);
 
+// The baseline relay pair of the forwarder benchmark, two roles doing only
+// the system calls that relaying a message needs (epoll with blocking waits,
+// one recv per readiness into a buffer, one send or writev per message):
+//   pair-front  accepts clients itself and relays each framed message up the
+//               link behind the 64-byte extended header naming the client;
+//               the link's answers go to the client with that port;
+//   pair-upper  accepts the link, queues each client message for the router
+//               typed with its pid (PlatMsg header: link descriptor, client
+//               port and IP), and sends the router's answers down the link
+//               behind the header.
+// Each creates the FIFO "1_<pid>" once it serves (pair-upper's doorbell).
+struct PairOptions {
+    std::string runDir;
+    int route = 0;        // pair-upper: route id of its PlatMsg headers
+    int clientPort = 0;   // pair-front: where clients connect
+    int linkPort = 0;     // the link: pair-upper listens, pair-front connects
+    int headerLen = 4;    // framing as for the baseline relay
+};
+int RunPairFrontRole(const PairOptions& opt);
+int RunPairUpperRole(const PairOptions& opt);
+
 // Body length announced by a header of decimal digits ("0012" -> 12); -1
 // when the header holds anything but digits.
 int DecimalHeaderLength(const char* header, int headerLen);

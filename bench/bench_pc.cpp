@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
+#include "BenchProc.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -51,6 +52,9 @@ namespace {
 
 namespace plat = comp::plat;
 using Clock = std::chrono::steady_clock;
+using bench::Children;
+using bench::FifoPath;
+using bench::Tail;
 
 volatile sig_atomic_t g_stop = 0;
 extern "C" void OnBenchStop(int) { g_stop = 1; }
@@ -58,8 +62,6 @@ extern "C" void OnBenchStop(int) { g_stop = 1; }
 extern "C" void OnWake(int) {}
 
 constexpr int kHeaderLen = 4;
-constexpr int kReadyTimeoutMs = 10000;
-constexpr int kQuitGraceMs = 3000;
 constexpr int kStallMs = 3000;            // no answer this long: the run failed
 constexpr int kReconnectGapMs = 300;      // the server stays away this long
 constexpr double kTargetThroughput = 0.9;
@@ -84,15 +86,6 @@ void Usage() {
                  "                [--styles fixed,deadline] [--level L] [--body BYTES] [--reconnects N] [--keep]\n");
 }
 
-std::vector<std::string> Words(const std::string& text) {
-    std::vector<std::string> out;
-    size_t pos = 0;
-    for (size_t comma; (comma = text.find(',', pos)) != std::string::npos; pos = comma + 1)
-        out.push_back(text.substr(pos, comma - pos));
-    out.push_back(text.substr(pos));
-    return out;
-}
-
 bool ParseOptions(int argc, char** argv, Options* o) {
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -111,12 +104,12 @@ bool ParseOptions(int argc, char** argv, Options* o) {
         } else if (a == "--comp" && v != nullptr) {
             o->compPath = argv[++i];
         } else if (a == "--styles" && v != nullptr) {
-            o->styles = Words(argv[++i]);
+            o->styles = bench::CommaWords(argv[++i]);
             for (const std::string& s : o->styles)
                 if (s != "fixed" && s != "deadline") return false;
         } else if (a == "--inflight" && v != nullptr) {
             o->inflight.clear();
-            for (const std::string& w : Words(argv[++i])) {
+            for (const std::string& w : bench::CommaWords(argv[++i])) {
                 auto n = kit::ParseLong(w);
                 if (!n || *n < 1 || *n > 256) return false;
                 o->inflight.push_back(static_cast<int>(*n));
@@ -142,16 +135,6 @@ bool ParseOptions(int argc, char** argv, Options* o) {
 
 int64_t NowUs() {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count();
-}
-
-bool FileExists(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0;
-}
-
-std::string Tail(const std::string& path, size_t maxBytes = 2000) {
-    std::string text = kit::ReadWholeFile(path).value_or("");
-    return text.size() > maxBytes ? "..." + text.substr(text.size() - maxBytes) : text;
 }
 
 // ---------------------------------------------------------------------------
@@ -233,74 +216,6 @@ private:
     std::mutex mu_;
     std::vector<int> conns_;            // guarded by mu_
     std::vector<std::thread> echoes_;   // guarded by mu_
-};
-
-// ---------------------------------------------------------------------------
-// A child process of the bench, stopped by pid on every way out.
-// ---------------------------------------------------------------------------
-class Child {
-public:
-    Child() = default;
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() { Stop(); }
-
-    bool Start(const std::vector<std::string>& argv, const std::string& output, std::string* why) {
-        kit::SpawnOptions plan;
-        plan.path = argv[0];
-        plan.argv = argv;
-        plan.outputPath = output;
-        output_ = output;
-        pid_ = kit::Spawn(plan, why);
-        return pid_ > 0;
-    }
-    // False once it has ended (it is reaped then).
-    bool Alive() {
-        int status = 0;
-        if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) return true;
-        pid_ = -1;
-        return false;
-    }
-    // Waits until `path` exists (the child made it once ready).
-    bool WaitForFile(const std::string& path, std::string* why) {
-        for (const int64_t end = kit::NowMs() + kReadyTimeoutMs; !g_stop && kit::NowMs() < end; kit::SleepMs(10)) {
-            if (FileExists(path)) return true;
-            if (!Alive()) {
-                *why = "it ended before it was ready";
-                return false;
-            }
-        }
-        *why = "not ready in time";
-        return false;
-    }
-    void Freeze() const { kill(pid_, SIGSTOP); }
-    void Thaw() const { kill(pid_, SIGCONT); }
-    // Quits it through its control FIFO when given, else SIGTERM; SIGKILL
-    // after a grace time.
-    void Stop(const std::string& controlFifo = "") {
-        if (pid_ <= 0) return;
-        Thaw();
-        int status = 0;
-        if (!controlFifo.empty()) {
-            int fd = open(controlFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (fd >= 0) {
-                bool sent = write(fd, "x", 1) == 1;
-                close(fd);
-                if (sent && kit::WaitChild(pid_, kQuitGraceMs, &status)) {
-                    pid_ = -1;
-                    return;
-                }
-            }
-        }
-        kit::StopChild(pid_, kQuitGraceMs);
-        pid_ = -1;
-    }
-    pid_t pid() const { return pid_; }
-    const std::string& output() const { return output_; }
-
-private:
-    pid_t pid_ = -1;
-    std::string output_;
 };
 
 // ---------------------------------------------------------------------------
@@ -389,7 +304,7 @@ private:
 // One relay under test: its process, route and doorbell.
 struct Relay {
     const char* name;
-    Child* proc;
+    pid_t pid;
     int route;
     kit::UniqueFd bell;
 };
@@ -411,11 +326,11 @@ struct RunMetrics {
 
 // One timed run: `window` messages in flight through the relay for `seconds`.
 RunMetrics MeasureRun(Router& router, Relay& r, Relay& other, int window, double seconds, int bodyBytes) {
-    other.proc->Freeze();
-    r.proc->Thaw();
-    router.Drain(r.route, r.proc->pid());
+    kill(other.pid, SIGSTOP);
+    kill(r.pid, SIGCONT);
+    router.Drain(r.route, r.pid);
     router.Restart();
-    bench::CpuMeter cpu(r.proc->pid());
+    bench::CpuMeter cpu(r.pid);
     cpu.start();
     RunMetrics m;
     std::vector<uint32_t> lat;
@@ -434,7 +349,7 @@ RunMetrics MeasureRun(Router& router, Relay& r, Relay& other, int window, double
             ++next;
         }
         if (sentAt.empty() || !m.firstError.empty()) break;
-        int len = router.Receive(r.proc->pid());
+        int len = router.Receive(r.pid);
         if (len < 0) {
             m.firstError = "no answer for " + std::to_string(kStallMs / 1000) + " s";
             break;
@@ -456,7 +371,7 @@ RunMetrics MeasureRun(Router& router, Relay& r, Relay& other, int window, double
     }
     const double cpuUs = cpu.elapsedMicros();
     const bench::CtxSwitches cs = cpu.elapsedSwitches();
-    other.proc->Thaw();
+    kill(other.pid, SIGCONT);
     m.failures += sentAt.size();
     m.messages = lat.size();
     const double secs = static_cast<double>(last - start) / 1e6;
@@ -511,12 +426,12 @@ struct Reconnects {
 
 // The server goes away and comes back kReconnectGapMs later, n times; the
 // time from the loss (N003) and from the server's return to the N001.
-Reconnects MeasureReconnects(Router& router, EchoServer& server, Child& comp, int n, std::string* why) {
+Reconnects MeasureReconnects(Router& router, EchoServer& server, pid_t comp, int n, std::string* why) {
     Reconnects out;
     for (int i = 0; i < n && !g_stop; ++i) {
         router.Restart();
         server.Drop();
-        int len = router.Receive(comp.pid());
+        int len = router.Receive(comp);
         if (len < 0 || !router.IsNotice() || router.NoticeCode() != "N003") {
             ++out.failed;
             *why = "no N003 after the server went";
@@ -528,7 +443,7 @@ Reconnects MeasureReconnects(Router& router, EchoServer& server, Child& comp, in
         const int64_t back = NowUs();
         for (;;) {
             router.Restart();
-            len = router.Receive(comp.pid());
+            len = router.Receive(comp);
             if (len < 0 || (router.IsNotice() && router.NoticeCode() == "N001")) break;
         }
         if (len < 0) {
@@ -625,37 +540,41 @@ bool RunStyle(const Options& opt, bench::BenchPlatform& platform, Router& router
     const std::string runDir = platform.runDir();
     const bench::BenchRoutes& routes = platform.routes();
     std::string why;
-    if (!platform.SetAppVars(opt.level, style == "deadline" ? "COMP_WAIT DEADLINE\n" : "", &why)) {
+    if (!platform.SetLogLevel(opt.level, &why, style == "deadline")) {
         std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
         return false;
     }
-    Child base, comp;
+    Children kids;
     const std::string self = kit::SelfExe(), pcRoute = std::to_string(routes.pcRoute);
-    if (!base.Start({self, "--role", "pcbaseline", runDir, std::to_string(routes.pcBaseRoute),
-                     std::to_string(routes.pcServerPort)},
-                    runDir + "/log/pcbaseline_" + style + ".out", &why) ||
-        !base.WaitForFile(runDir + "/fifo/2_" + std::to_string(routes.pcBaseRoute) + "_1", &why)) {
-        std::fprintf(stderr, "bench_pc: baseline relay: %s\n%s", why.c_str(), Tail(base.output()).c_str());
+    const std::string baseOut = runDir + "/log/pcbaseline_" + style + ".out";
+    const pid_t base = kids.Start("baseline",
+                                  {self, "--role", "pcbaseline", runDir, std::to_string(routes.pcBaseRoute),
+                                   std::to_string(routes.pcServerPort)},
+                                  baseOut, &why);
+    if (base <= 0 || !bench::WaitReady(kids, base, FifoPath(runDir, "2_" + std::to_string(routes.pcBaseRoute) + "_1"),
+                                       &g_stop, &why)) {
+        std::fprintf(stderr, "bench_pc: baseline relay: %s\n%s", why.c_str(), Tail(baseOut).c_str());
         return false;
     }
-    if (!comp.Start({opt.compPath, "SysTCPPC", pcRoute, "1", "0", "PC" + pcRoute + "_" + style},
-                    runDir + "/log/comp_pc_" + style + ".out", &why) ||
-        !comp.WaitForFile(runDir + "/fifo/2_" + pcRoute + "_1", &why)) {
-        std::fprintf(stderr, "bench_pc: comp SysTCPPC: %s\n%s", why.c_str(), Tail(comp.output()).c_str());
+    const std::string compOut = runDir + "/log/comp_pc_" + style + ".out";
+    const pid_t comp =
+        kids.Start("comp PC", {opt.compPath, "SysTCPPC", pcRoute, "1", "0", "PC" + pcRoute + "_" + style}, compOut, &why);
+    if (comp <= 0 || !bench::WaitReady(kids, comp, FifoPath(runDir, "2_" + pcRoute + "_1"), &g_stop, &why)) {
+        std::fprintf(stderr, "bench_pc: comp SysTCPPC: %s\n%s", why.c_str(), Tail(compOut).c_str());
         return false;
     }
     router.Restart();
-    if (router.Receive(comp.pid()) < 0 || !router.IsNotice() || router.NoticeCode() != "N001") {
+    if (router.Receive(comp) < 0 || !router.IsNotice() || router.NoticeCode() != "N001") {
         std::fprintf(stderr, "bench_pc: comp did not connect to the echo server\n");
         return false;
     }
-    Relay a{"comp", &comp, routes.pcRoute, {}}, b{"baseline", &base, routes.pcBaseRoute, {}};
+    Relay a{"comp", comp, routes.pcRoute, {}}, b{"baseline", base, routes.pcBaseRoute, {}};
     if (!OpenBell(runDir, a.route, &a.bell, &why) || !OpenBell(runDir, b.route, &b.bell, &why)) {
         std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
         return false;
     }
-    std::printf("\n%s wait: comp pid %d, baseline pid %d\n", style.c_str(), static_cast<int>(comp.pid()),
-                static_cast<int>(base.pid()));
+    std::printf("\n%s wait: comp pid %d, baseline pid %d\n", style.c_str(), static_cast<int>(comp),
+                static_cast<int>(base));
     out->style = style;
     for (int window : opt.inflight) {
         if (g_stop) break;
@@ -682,14 +601,14 @@ bool RunStyle(const Options& opt, bench::BenchPlatform& platform, Router& router
         }
         out->byWindow.emplace_back(window, std::move(s));
     }
-    base.Stop();
+    kids.Stop(base);
     router.Drain(b.route, 0);
     if (!g_stop && opt.reconnects > 0) {
         out->reconnects = MeasureReconnects(router, server, comp, opt.reconnects, &why);
         if (out->reconnects.failed) std::printf("  reconnects: %s\n", why.c_str());
     }
-    if (!comp.Alive()) std::fprintf(stderr, "bench_pc: comp ended during the runs\n%s", Tail(comp.output()).c_str());
-    comp.Stop(runDir + "/fifo/3_" + std::to_string(comp.pid()) + "_1");
+    if (!kids.Alive(comp)) std::fprintf(stderr, "bench_pc: comp ended during the runs\n%s", Tail(compOut).c_str());
+    kids.Stop(comp, FifoPath(runDir, "3_" + std::to_string(comp) + "_1"));
     return true;
 }
 
@@ -759,21 +678,11 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (opt.compPath.empty()) {
-        const std::string self = kit::SelfExe();
-        opt.compPath = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(opt.compPath.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "bench_pc: %s is not an executable; build comp or pass --comp PATH\n",
-                     opt.compPath.c_str());
-        return 1;
-    }
+    if (!bench::FindComp("bench_pc", &opt.compPath)) return 1;
+    bench::OnStopSignals(OnBenchStop);
     struct sigaction sa {};
-    sa.sa_handler = OnBenchStop;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
     sa.sa_handler = OnWake;   // no SA_RESTART: a blocked queue read returns
+    sigemptyset(&sa.sa_mask);
     sigaction(SIGUSR2, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
     return RunBench(opt);
 }

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
+#include "BenchProc.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -37,12 +38,14 @@
 namespace {
 
 using bench::BenchPlatform;
+using bench::Children;
+using bench::FifoPath;
+using bench::LoadAverage;
+using bench::Tail;
 
 volatile sig_atomic_t g_stop = 0;
 extern "C" void OnBenchStop(int) { g_stop = 1; }
 
-constexpr int kReadyTimeoutMs = 10000;
-constexpr int kQuitGraceMs = 3000;
 constexpr double kTargetThroughput = 0.8;
 constexpr double kTargetP50 = 1.3;
 constexpr int kTargetLevel = 3;
@@ -111,101 +114,6 @@ bool ParseOptions(int argc, char** argv, Options* o) {
         else return false;
     }
     return true;
-}
-
-// ---------------------------------------------------------------------------
-// Child processes, stopped by pid on every way out.
-// ---------------------------------------------------------------------------
-class Children {
-public:
-    ~Children() {
-        for (auto& [pid, kid] : kids_) {
-            if (kid.reaped) continue;
-            kill(pid, SIGCONT);
-            kit::StopChild(pid, kQuitGraceMs);
-        }
-    }
-    pid_t Start(const std::string& name, const std::vector<std::string>& argv, const std::string& output,
-                std::string* why) {
-        kit::SpawnOptions plan;
-        plan.path = argv[0];
-        plan.argv = argv;
-        plan.outputPath = output;
-        pid_t pid = kit::Spawn(plan, why);
-        if (pid > 0) kids_[pid] = Kid{name, false};
-        return pid;
-    }
-    // Ends a child: its quit path first when a control FIFO is given, then
-    // SIGTERM and SIGKILL. A child that was already reaped is left alone
-    // (its pid may belong to another process by now).
-    void Stop(pid_t pid, const std::string& controlFifo = "") {
-        auto it = kids_.find(pid);
-        if (it == kids_.end()) return;
-        const bool reaped = it->second.reaped;
-        kids_.erase(it);
-        if (reaped) return;
-        kill(pid, SIGCONT);
-        int status = 0;
-        if (!controlFifo.empty()) {
-            int fd = open(controlFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (fd >= 0) {
-                if (write(fd, "x", 1) != 1) std::fprintf(stderr, "bench: cannot write %s\n", controlFifo.c_str());
-                close(fd);
-                if (kit::WaitChild(pid, kQuitGraceMs, &status)) return;
-            }
-        }
-        kit::StopChild(pid, kQuitGraceMs);
-    }
-    bool Alive(pid_t pid) {
-        auto it = kids_.find(pid);
-        if (it == kids_.end() || it->second.reaped) return false;
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == 0) return true;
-        it->second.reaped = true;
-        return false;
-    }
-
-private:
-    struct Kid {
-        std::string name;
-        bool reaped;
-    };
-    std::map<pid_t, Kid> kids_;
-};
-
-bool FileExists(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0;
-}
-
-// Waits for a FIFO that a child creates once it is ready to serve.
-bool WaitReady(Children& kids, pid_t pid, const std::string& fifo, std::string* why) {
-    const int64_t deadline = kit::NowMs() + kReadyTimeoutMs;
-    while (!g_stop && kit::NowMs() < deadline) {
-        if (FileExists(fifo)) return true;
-        if (!kids.Alive(pid)) {
-            *why = "it ended before it was ready";
-            return false;
-        }
-        kit::SleepMs(10);
-    }
-    *why = g_stop ? "interrupted" : "not ready after " + std::to_string(kReadyTimeoutMs / 1000) + " s";
-    return false;
-}
-
-// The first three fields of /proc/loadavg: how busy the machine was.
-std::string LoadAverage() {
-    std::string text = kit::ReadWholeFile("/proc/loadavg").value_or("?");
-    size_t cut = 0;
-    for (int fields = 0; fields < 3 && cut != std::string::npos; ++fields) cut = text.find(' ', cut + 1);
-    return text.substr(0, cut);
-}
-
-std::string FifoPath(const std::string& runDir, const std::string& name) { return runDir + "/fifo/" + name; }
-
-std::string Tail(const std::string& path, size_t maxBytes = 2000) {
-    std::string text = kit::ReadWholeFile(path).value_or("");
-    return text.size() > maxBytes ? "..." + text.substr(text.size() - maxBytes) : text;
 }
 
 // ---------------------------------------------------------------------------
@@ -349,7 +257,7 @@ void MeasureIdle(const Options& opt, Children& kids, const BenchPlatform& plat, 
     std::string why;
     pid_t tc = kids.Start("comp TC", {opt.compPath, "SysTCPTC", tcRoute, "1", "0", "TC" + tcRoute + "_1"},
                           runDir + "/log/comp_tc.out", &why);
-    if (tc <= 0 || !WaitReady(kids, tc, FifoPath(runDir, "2_" + tcRoute + "_1"), &why)) {
+    if (tc <= 0 || !bench::WaitReady(kids, tc, FifoPath(runDir, "2_" + tcRoute + "_1"), &g_stop, &why)) {
         std::printf("\nIdle CPU: the TC instance did not start: %s\n%s", why.c_str(),
                     Tail(runDir + "/log/comp_tc.out").c_str());
         if (tc > 0) kids.Stop(tc);
@@ -390,7 +298,8 @@ int RunBench(const Options& opt) {
                             {self, "--role", "baseline", runDir, std::to_string(routes.baseRoute),
                              std::to_string(routes.basePort)},
                             runDir + "/log/baseline.out", &why);
-    if (router <= 0 || base <= 0 || !WaitReady(kids, base, FifoPath(runDir, "1_" + std::to_string(base)), &why)) {
+    if (router <= 0 || base <= 0 ||
+        !bench::WaitReady(kids, base, FifoPath(runDir, "1_" + std::to_string(base)), &g_stop, &why)) {
         std::fprintf(stderr, "bench_ts: router or baseline relay: %s\n%s", why.c_str(),
                      Tail(runDir + "/log/baseline.out").c_str());
         return 1;
@@ -418,7 +327,7 @@ int RunBench(const Options& opt) {
         const std::string out = runDir + "/log/comp_ts_L" + std::to_string(level) + ".out";
         pid_t comp = kids.Start("comp TS", {opt.compPath, "SysTCPTS", tsRoute, "1", "0", "TS" + tsRoute + "_1"}, out,
                                 &why);
-        if (comp <= 0 || !WaitReady(kids, comp, FifoPath(runDir, "1_" + std::to_string(comp)), &why)) {
+        if (comp <= 0 || !bench::WaitReady(kids, comp, FifoPath(runDir, "1_" + std::to_string(comp)), &g_stop, &why)) {
             std::fprintf(stderr, "bench_ts: comp SysTCPTS: %s\n%s", why.c_str(), Tail(out).c_str());
             return 1;
         }
@@ -501,19 +410,7 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (opt.compPath.empty()) {
-        std::string self = kit::SelfExe();
-        opt.compPath = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(opt.compPath.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "bench_ts: %s is not an executable; build comp or pass --comp PATH\n",
-                     opt.compPath.c_str());
-        return 1;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = OnBenchStop;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    if (!bench::FindComp("bench_ts", &opt.compPath)) return 1;
+    bench::OnStopSignals(OnBenchStop);
     return RunBench(opt);
 }

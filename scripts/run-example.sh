@@ -4,8 +4,9 @@
 # reaches a local echo server on 127.0.0.1:47020; clients of the TS route 32
 # (127.0.0.1:47032) through the persistent link of the PC route 30 to a second
 # echo server on 127.0.0.1:47030; the PS route 31 shares 127.0.0.1:47031
-# between two instances. Builds nothing: `make run` builds first. Ctrl-C stops every process and removes the queues,
-# semaphores, segments and FIFOs again.
+# between two instances. Builds nothing: `make run` builds first. Ctrl-C
+# stops every process and removes the queues, semaphores, segments and FIFOs
+# again.
 #   scripts/run-example.sh [BUILD_DIR]
 set -euo pipefail
 
@@ -21,9 +22,11 @@ for bin in "$compkit" "$comp"; do
 done
 
 # A scratch run directory: etc/ (configuration), log/, fifo/, and runs/ for
-# HOME (plug-ins, connection logs). FIFO paths must stay under 128 bytes.
+# HOME (plug-ins, connection logs). The sys.cfg reader takes paths of at most
+# 99 bytes, so RUNDIR may have 87 characters (FIFO paths, under 128 bytes,
+# allow more).
 run="$build/example-run"
-if [ $(( ${#run} + 32 )) -ge 128 ]; then
+if [ ${#run} -gt 87 ]; then
   run=$(mktemp -d /tmp/compkit-run.XXXXXX)
 fi
 if [ -f "$run/compkit.objects" ]; then
@@ -75,6 +78,10 @@ Send a message to route 10 from another terminal:
 
   $compkit send 127.0.0.1:47010 --frame 4,0,4,0 hello
 
+and through the forwarder pair (routes 60 and 61) to the router's echo:
+
+  $compkit send 127.0.0.1:47060 --frame 4,0,4,0 hello
+
 Route 30 (PC) holds a link to the echo server on 127.0.0.1:47030 (pid
 $pc_echo_pid); the router prints its N001. Send through the link via route 32:
 
@@ -95,4 +102,9 @@ Status: $compkit status $run
 Ctrl-C stops everything.
 
 EOT
+# Ctrl-C is the normal way out. With job control the supervisor gets the
+# terminal to itself, so the Ctrl-C reaches it alone (not make, not this
+# script): it stops every process, takes the platform down and ends with
+# status 0, and so do this script and make.
+if [ -t 0 ]; then set -m; fi
 "$compkit" run "$run"

@@ -8,6 +8,7 @@
 //   compkit send IP:PORT ...    send framed messages and print the answers
 //   compkit echo-server IP:PORT ...   answer every framed message with itself, keep the
 //                               connections, answer and send heartbeats
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -23,13 +24,21 @@
 
 namespace {
 
-void Usage() {
-    std::fprintf(stderr,
+void Usage(FILE* out) {
+    std::fprintf(out,
                  "usage: compkit up|down|status|tranp|run RUNDIR\n"
                  "       compkit send IP:PORT [--frame H,O,W,T[,I[,A]] | --rundir DIR --route ID] [--header TEXT]\n"
                  "                    [--count N] [--reconnect] [--timeout S] [--no-answer] TEXT...\n"
                  "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
-                 "                    [--heartbeat BODY [--beat-every SECONDS]]\n");
+                 "                    [--heartbeat BODY [--beat-every SECONDS]]\n"
+                 "       compkit help\n");
+}
+
+// A mistake on the command line: one line saying what, then the usage.
+int UsageError(const std::string& what) {
+    std::fprintf(stderr, "compkit: %s\n", what.c_str());
+    Usage(stderr);
+    return 2;
 }
 
 // RUNDIR as an absolute path: the product's FIFO and log paths are formed
@@ -65,19 +74,23 @@ int Down(const std::string& runDir) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        Usage();
-        return 2;
-    }
+    if (argc < 2) return UsageError("no subcommand given");
     const std::string cmd = argv[1];
+    if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+        Usage(stdout);
+        return 0;
+    }
     std::vector<std::string> rest(argv + 2, argv + argc);
     if (cmd == "send") return kit::RunSend(rest);
     if (cmd == "echo-server") return kit::RunEchoServer(rest);
-    if (argc != 3) {
-        Usage();
-        return 2;
-    }
+    if (cmd != "up" && cmd != "down" && cmd != "status" && cmd != "tranp" && cmd != "run")
+        return UsageError("unknown subcommand '" + cmd + "'");
+    if (argc < 3) return UsageError(cmd + " needs the run directory");
+    if (argc > 3) return UsageError(cmd + " takes the run directory only");
     const std::string runDir = Absolute(argv[2]);
+    struct stat st {};
+    if (stat(runDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return UsageError("the run directory " + runDir + " does not exist");
     if (cmd == "up") return Up(runDir);
     if (cmd == "down") return Down(runDir);
     if (cmd == "status") {
@@ -86,11 +99,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (cmd == "tranp") return kit::RunRouter(runDir);
-    if (cmd == "run") {
-        kit::SupervisorOptions opt;
-        opt.runDir = runDir;
-        return kit::RunSupervisor(opt);
-    }
-    Usage();
-    return 2;
+    kit::SupervisorOptions opt;
+    opt.runDir = runDir;
+    return kit::RunSupervisor(opt);
 }

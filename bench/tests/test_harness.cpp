@@ -26,9 +26,10 @@ namespace {
 
 const std::string kBuild = COMP_BINARY_DIR;
 const std::string kBenchTs = kBuild + "/bench/bench_ts";
+const std::string kBenchFw = kBuild + "/bench/bench_fw";
 
 #define REQUIRE_BIG_QUEUE_MESSAGES() \
-    if (!kit::EnsureQueueLimits().empty()) GTEST_SKIP() << "64 KiB queue messages are not allowed here"
+    if (const auto limits = kit::EnsureQueueLimits(); !limits.empty()) GTEST_SKIP() << limits.front()
 
 // A child stopped by pid when the test ends, however it ends.
 struct Kid {
@@ -181,9 +182,10 @@ protected:
     void SetUp() override { REQUIRE_BIG_QUEUE_MESSAGES(); }
     void TearDown() override { std::filesystem::remove(outPath_); }
 
-    // Starts bench_ts; optionally interrupts it once `interruptAfter` shows.
-    BenchRun Run(const std::vector<std::string>& args, const std::string& interruptAfter = "") {
-        std::vector<std::string> argv{kBenchTs};
+    // Starts bench_ts (or `bin`); optionally interrupts it once `interruptAfter` shows.
+    BenchRun Run(const std::vector<std::string>& args, const std::string& interruptAfter = "",
+                 const std::string& bin = kBenchTs) {
+        std::vector<std::string> argv{bin};
         argv.insert(argv.end(), args.begin(), args.end());
         Kid kid;
         kid.pid = Start(argv, outPath_);
@@ -226,6 +228,20 @@ TEST_F(BenchTsTest, InterruptedRunStopsItsProcessesAndRemovesThePlatform) {
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.output, m, std::regex("comp pid (\\d+)"))) << r.output;
     EXPECT_FALSE(kit::ProcessAlive(static_cast<pid_t>(std::stol(m[1].str()))));
+    r.ExpectNothingLeft();
+}
+
+// bench_fw plays the supervisor of FWB and FWS and runs the baseline relay
+// pair: all three sides answer every request, and nothing is left.
+TEST_F(BenchTsTest, ForwarderBenchShortRunReportsAllSidesAndCleansUp) {
+    BenchRun r = Run({"--comp", kBuild + "/comp", "--styles", "deadline", "--clients", "2", "--rounds", "1",
+                      "--seconds", "0.3", "--warmup", "0"},
+                     "", kBenchFw);
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const char* side : {"comp FWB+FWS", "baseline pair", "comp TS (1 hop)"})
+        EXPECT_NE(r.output.find(std::string("deadline 2       ") + side), std::string::npos) << side << r.output;
+    EXPECT_NE(r.output.find("pair/TS: CPU/msg"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find(" failed, first:"), std::string::npos) << r.output;
     r.ExpectNothingLeft();
 }
 

@@ -1,6 +1,7 @@
 #include "base/SysGlobals.h"
 
 #include <cstring>
+#include <vector>
 
 extern "C" {
 char g_caMsg[2048];
@@ -40,7 +41,19 @@ ProcState InitialState() {
 
 ProcState g_stProcState = InitialState();
 
+namespace {
+// Filled during static initialisation, so a function-local vector avoids
+// depending on the order in which the layers' objects are initialised.
+std::vector<void (*)()>& Resets() {
+    static std::vector<void (*)()> v;
+    return v;
+}
+}  // namespace
+
+void comp::RegisterProcessReset(void (*pfReset)()) { Resets().push_back(pfReset); }
+
 void SysResetGlobals() {
+    for (auto* reset : Resets()) reset();
     std::memset(g_caMsg, 0, sizeof g_caMsg);
     std::memset(&g_stCommCfgValue, 0, sizeof g_stCommCfgValue);
     std::memset(g_stMsgQCntl, 0, sizeof g_stMsgQCntl);

@@ -42,6 +42,7 @@ struct LogSettings {
     char caErrLogName[201];   // error-log base name; "../log/wren_bin" until ChgLog('1')
     int iErrLogMode;          // ChgLog('2')
     long lErrLogSizeLimit;    // bytes, ChgLog('3')
+    char caModeSource[32];    // running mode, the source name of the loop's lines; "" before the mode runs
 };
 
 struct ProcState {
@@ -49,5 +50,18 @@ struct ProcState {
 };
 extern ProcState g_stProcState;
 
-// Puts every global back to its start value (for tests).
+// Puts every global back to its start value, and every piece of state a layer
+// keeps for the process (the cached pid, the table and registry attachments,
+// the message pool, the last accepted peer) through the resets registered
+// below, so in-process tests start from a clean process.
 void SysResetGlobals();
+
+namespace comp {
+// Registers a layer's reset of its hidden process state; SysResetGlobals runs
+// every registered reset. Use a namespace-scope ResetRegistration next to the
+// state.
+void RegisterProcessReset(void (*pfReset)());
+struct ResetRegistration {
+    explicit ResetRegistration(void (*pfReset)()) { RegisterProcessReset(pfReset); }
+};
+}  // namespace comp

@@ -51,6 +51,7 @@ void PutIp(char* pcField, const char* pcIp) {
 // parent's id in the child.
 std::atomic<pid_t> g_iOwnPid{0};
 void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
+const comp::ResetRegistration g_stOwnPidReset(ForgetOwnPid);
 pid_t OwnPid() {
     pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
     if (iPid == 0) {
@@ -69,25 +70,27 @@ int RouteNumber(const RouteRecord& stRoute) {
 }
 
 // Reads one message of the wanted type from queue 8 after consuming the
-// doorbell; the text length or -1.
-int ReadAfterDoorbell(int iFifoFd, QueueMsg* pstBuf, long lType) {
+// doorbell; the text length or -1. The report lines name the site's routine.
+int ReadAfterDoorbell(const comp::LogSite& stSite, int iFifoFd, QueueMsg* pstBuf, long lType) {
+    if (pstBuf == nullptr) return -1;
     // Only the header area is cleared: a short message then shows a zero
     // header, as it would in a fully cleared buffer.
     pstBuf->lMsgType = 0;
     std::memset(pstBuf->caText, 0, plat::kHeaderLen);
     if (iReadFIFO(iFifoFd) != 0) {
-        COMP_ERRLOG("[%s,%d]iReadFIFO error,fatal error[%d]", SRC_NAME, __LINE__, errno);
+        COMP_ERRLOG("[%s,%d]iReadFIFO error,fatal error[%d]", stSite.pcSource, stSite.iLine, errno);
         return -1;
     }
     const int iQid = g_stMsgQCntl[comp::kQueueFromTranp].iId;
     pstBuf->lMsgType = lType;
     int iLen = MsgReadNoWait(iQid, pstBuf);
     if (iLen < 0) {
-        COMP_ERRLOG("[%s:%s:%d]Read queue [%d] error !", SRC_NAME, __func__, __LINE__, iQid);
+        COMP_ERRLOG("[%s:%s:%d]Read queue [%d] error !", stSite.pcSource, stSite.pcRoutine, stSite.iLine, iQid);
         return -1;
     }
     if (iLen == 0) {
-        COMP_ERRLOG("[%s:%s:%d]expect data but not found,fatal error!", SRC_NAME, __func__, __LINE__);
+        COMP_ERRLOG("[%s:%s:%d]expect data but not found,fatal error!", stSite.pcSource, stSite.pcRoutine,
+                    stSite.iLine);
         return -1;
     }
     // A NUL behind the text, for callers that print it.
@@ -95,8 +98,20 @@ int ReadAfterDoorbell(int iFifoFd, QueueMsg* pstBuf, long lType) {
     return iLen;
 }
 
-// Drains one queue of messages of one type; the number drained.
-int DrainQueue(int iQid, long lType) {
+// The route id as the queue message type of route-addressed reads, or 0
+// (reported) when it is not a positive number: a type of 0 or below would
+// take other processes' messages.
+long RouteMsgType(const comp::LogSite& stSite, const char* pcRouteId) {
+    long lType = pcRouteId != nullptr ? std::atol(pcRouteId) : 0;
+    if (lType <= 0)
+        COMP_ERRLOG("[%s,%d]route id [%s] is not a positive number", stSite.pcSource, stSite.iLine,
+                    pcRouteId != nullptr ? pcRouteId : "");
+    return lType > 0 ? lType : 0;
+}
+
+// Drains one queue of messages of one type for SysCleanQueue; the number
+// drained.
+int DrainQueue(const comp::LogSite& stSite, int iQid, long lType) {
     QueueMsg stBuf;
     int iCount = 0;
     for (;;) {
@@ -105,12 +120,12 @@ int DrainQueue(int iQid, long lType) {
         if (iLen == 0) break;
         if (iLen < 0) {
             int iErr = -iLen;
-            COMP_ERRLOG("[%s,%d,%s]msgtype[%d]Read queue error!errno[%d][%s]", SRC_NAME, __LINE__, __func__,
-                        static_cast<int>(lType), iErr, std::strerror(iErr));
+            COMP_ERRLOG("[%s,%d,%s]msgtype[%d]Read queue error!errno[%d][%s]", stSite.pcSource, stSite.iLine,
+                        stSite.pcRoutine, static_cast<int>(lType), iErr, std::strerror(iErr));
             break;
         }
-        COMP_ERRLOG_DUMP(stBuf.caText, iLen, "[%s,%d,%s]msgtype[%d],len=%d!", SRC_NAME, __LINE__, __func__,
-                         static_cast<int>(lType), iLen);
+        COMP_ERRLOG_DUMP(stBuf.caText, iLen, "[%s,%d,%s]msgtype[%d],len=%d!", stSite.pcSource, stSite.iLine,
+                         stSite.pcRoutine, static_cast<int>(lType), iLen);
         ++iCount;
     }
     return iCount;
@@ -152,20 +167,11 @@ int SysBuildPlatMsg(QueueMsg* pstBuf, int iLen, int iSock, const RouteRecord* ps
 }
 
 int SysReadPlatMsg(int iFifoFd, QueueMsg* pstBuf) {
-    if (pstBuf == nullptr) return -1;
-    return ReadAfterDoorbell(iFifoFd, pstBuf, OwnPid());
+    return ReadAfterDoorbell(COMP_LOG_SITE, iFifoFd, pstBuf, OwnPid());
 }
 
 int SysReadPlatMsgByRID(const char* pcRouteId, int iFifoFd, QueueMsg* pstBuf) {
-    if (pstBuf == nullptr) return -1;
-    // A type of 0 or below would take other processes' messages.
-    long lType = pcRouteId != nullptr ? std::atol(pcRouteId) : 0;
-    if (lType <= 0) {
-        COMP_ERRLOG("[%s,%d]route id [%s] is not a positive number", SRC_NAME, __LINE__,
-                    pcRouteId != nullptr ? pcRouteId : "");
-        return -1;
-    }
-    return ReadAfterDoorbell(iFifoFd, pstBuf, lType);
+    return comp::ReadPlatMsgByRIDAs(COMP_LOG_SITE, pcRouteId, iFifoFd, pstBuf);
 }
 
 int SysCleanQueue(long lMsgType) {
@@ -174,8 +180,8 @@ int SysCleanQueue(long lMsgType) {
         COMP_ERRLOG("[%s,%d,%s]msgtype[%ld] refused", SRC_NAME, __LINE__, __func__, lMsgType);
         return -1;
     }
-    int iCount = DrainQueue(g_stMsgQCntl[comp::kQueueFromTranp].iId, lMsgType);
-    iCount += DrainQueue(g_stMsgQCntl[comp::kQueueDrain].iId, lMsgType);
+    int iCount = DrainQueue(COMP_LOG_SITE, g_stMsgQCntl[comp::kQueueFromTranp].iId, lMsgType);
+    iCount += DrainQueue(COMP_LOG_SITE, g_stMsgQCntl[comp::kQueueDrain].iId, lMsgType);
     return iCount;
 }
 
@@ -262,3 +268,17 @@ int SysFWDelConnection(const char* pcIp, int iPort, int iSockFd) {
 }
 
 }  // extern "C"
+
+namespace comp {
+
+int ReadPlatMsgAs(const LogSite& stSite, int iFifoFd, QueueMsg* pstBuf) {
+    return ReadAfterDoorbell(stSite, iFifoFd, pstBuf, OwnPid());
+}
+
+int ReadPlatMsgByRIDAs(const LogSite& stSite, const char* pcRouteId, int iFifoFd, QueueMsg* pstBuf) {
+    if (pstBuf == nullptr) return -1;
+    const long lType = RouteMsgType(stSite, pcRouteId);
+    return lType > 0 ? ReadAfterDoorbell(stSite, iFifoFd, pstBuf, lType) : -1;
+}
+
+}  // namespace comp

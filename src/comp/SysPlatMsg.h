@@ -31,3 +31,25 @@ int SysDelConnection(int iRouteId, const char* pcIp, int iPort, int iSockFd);
 int SysFWDelConnection(const char* pcIp, int iPort, int iSockFd);
 
 }  // extern "C"
+
+namespace comp {
+
+// Where a report line belongs: the source and routine names and the line
+// that the "[%s:%s:%d]" and "[%s,%d]" slots show. Operators search the logs by
+// routine name, so a read done on behalf of a routine names that routine.
+struct LogSite {
+    const char* pcSource;
+    const char* pcRoutine;
+    int iLine;
+};
+
+// SysReadPlatMsg and SysReadPlatMsgByRID for a mode's own routine: the same
+// read, with the mode's routine in its report lines (TS's SysResponseWork,
+// TC's SysTcptcRecvPlatMsg). Call with COMP_LOG_SITE.
+int ReadPlatMsgAs(const LogSite& stSite, int iFifoFd, QueueMsg* pstBuf);
+int ReadPlatMsgByRIDAs(const LogSite& stSite, const char* pcRouteId, int iFifoFd, QueueMsg* pstBuf);
+
+}  // namespace comp
+
+// The site of the line it stands on, in the routine it stands in.
+#define COMP_LOG_SITE (::comp::LogSite{SRC_NAME, __func__, __LINE__})

@@ -35,6 +35,7 @@ struct TableAttachment {
     }
 };
 TableAttachment g_stTableAttachment;
+const comp::ResetRegistration g_stTableReset([] { g_stTableAttachment.release(); });
 
 // Id of the segment now under the table key, or -1.
 int TableSegmentByKey() {

@@ -142,6 +142,7 @@ void DropMap() {
     if (g_stMap.addr) DetachShmem(g_stMap.addr);
     g_stMap = CachedMap{};
 }
+const comp::ResetRegistration g_stMapReset(DropMap);
 
 // The registry segment of g_memlist_shmkey/g_memlist_shmsize, attached; null
 // after a report when it cannot be attached or is too small.

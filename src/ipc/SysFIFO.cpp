@@ -27,6 +27,9 @@ constexpr mode_t kFifoDirMode = 0700;
 constexpr mode_t kFifoMode = 0644;
 constexpr int kOpenFlags = O_RDWR | O_NONBLOCK;
 constexpr char kWakeByte = '0';
+// The two clean-up routines belong to the platform's SysRscApp; their lines
+// carry that name.
+constexpr const char* kCleanupSource = "SysRscApp";
 
 class DirHandle {
 public:
@@ -253,7 +256,7 @@ int SysCleanIpcFiles(void) {
     if (!FifoDirPath(caDir)) return -1;
     DirHandle dir(opendir(caDir));
     if (dir.get() == nullptr) {
-        COMP_ERRLOG("[%s][%d]opendir error", SRC_NAME, __LINE__);
+        COMP_ERRLOG("[%s][%d]opendir error", kCleanupSource, __LINE__);
         return -1;
     }
     while (const dirent* pstEntry = readdir(dir.get())) {
@@ -266,7 +269,8 @@ int SysCleanIpcFiles(void) {
         struct stat st {};
         if (lstat(caPath, &st) != 0 || !S_ISFIFO(st.st_mode)) continue;
         if (unlink(caPath) != 0) {
-            COMP_ERRLOG("[%s:%d] remove error.errno=[%d][%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
+            COMP_ERRLOG("[%s:%d] remove error.errno=[%d][%s]", kCleanupSource, __LINE__, errno,
+                        std::strerror(errno));
             return -1;
         }
     }
@@ -279,13 +283,13 @@ int SysCleanIpcFileById(const char* pcName, int iKind) {
     struct stat st {};
     if (stat(caPath, &st) == 0) {
         if (unlink(caPath) != 0) {
-            COMP_ERRLOG("[%s:%d] errno=[%d][%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
+            COMP_ERRLOG("[%s:%d] errno=[%d][%s]", kCleanupSource, __LINE__, errno, std::strerror(errno));
             return -1;
         }
         return 0;
     }
     if (errno == ENOENT) {
-        COMP_ERRLOG("[%s:%d] errno=%d [%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
+        COMP_ERRLOG("[%s:%d] errno=%d [%s]", kCleanupSource, __LINE__, errno, std::strerror(errno));
         return -2;
     }
     return 0;

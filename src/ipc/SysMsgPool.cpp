@@ -8,6 +8,7 @@
 // are block numbers; they are range checked before use and walks are bounded
 // by the block count, so a damaged pool gives an error rather than a wild
 // access or an endless loop.
+#include "base/SysGlobals.h"
 #include "ipc/SysMsgPool.h"
 
 #include <unistd.h>
@@ -355,6 +356,10 @@ int SysFreePool(void) {
     std::free(g_pcPool);
     g_pcPool = nullptr;
     return 0;
+}
+
+namespace {
+const comp::ResetRegistration g_stPoolReset([] { SysFreePool(); });
 }
 
 }  // extern "C"

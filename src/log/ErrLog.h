@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "base/SysGlobals.h"
+#include "log/SourceName.h"
 
 extern "C" {
 
@@ -43,6 +44,3 @@ void SystemErrorReport(const char* pcText);
         std::snprintf(g_caMsg, sizeof g_caMsg, __VA_ARGS__);               \
         ErrLog(1000, g_caMsg, ERRLOG_FILE, (pvData), (iLen));              \
     } while (0)
-
-// Source name printed in front of every report line.
-#define SRC_NAME __FILE_NAME__

@@ -3,6 +3,7 @@
 // Joins the platform, reads its route row, logs on to Commonp and hands
 // control for good to the transport mode named on the command line.
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/SysGlobals.h"
@@ -25,17 +27,48 @@ constexpr const char* kModes[] = {
     "SysTCPTC",     "SysTCPTS",  "SysTCPPC",  "SysTCPPS",  "SysTCPPAS",
     "SysTCPPCSYN",  "SysTCPPASSYN", "SysTCPFWB", "SysTCPFWS", "SysTCPVANTREL",
 };
-
-void PrintUsage(const char* pcProg) {
-    std::fprintf(stderr, "usage: %s MODE ROUTEID INSTANCE ARG PROCNAME\n  MODE is one of:", pcProg);
-    for (const char* m : kModes) std::fprintf(stderr, " %s", m);
-    std::fprintf(stderr, "\n");
-}
+constexpr useconds_t kAwaitPollUsec = 100 * 1000;
 
 bool IsMode(std::string_view name) {
     for (const char* m : kModes)
         if (name == m) return true;
     return false;
+}
+
+// The modes this build has: those of the ten names that the process's own
+// symbol table holds, blank-separated.
+std::string BuiltModes(void* pvSelf) {
+    std::string out;
+    for (const char* m : kModes)
+        if (pvSelf != nullptr && dlsym(pvSelf, m) != nullptr) out += out.empty() ? m : std::string(" ") + m;
+    return out;
+}
+
+void PrintUsage(const char* pcProg, void* pvSelf) {
+    std::fprintf(stderr, "usage: %s MODE ROUTEID INSTANCE ARG PROCNAME\n  MODE is one of: %s\n", pcProg,
+                 BuiltModes(pvSelf).c_str());
+}
+
+// The mode named on the command line failed the lookup: the reason on
+// standard error, with what this build has (the trace log has the details).
+void ReportNoMode(const char* pcProg, const char* pcName, void* pvSelf) {
+    std::fprintf(stderr, "%s: %s is not a transport mode of this build; it has: %s\n", pcProg, pcName,
+                 BuiltModes(pvSelf).c_str());
+}
+
+// Waits while a path that another platform process may be about to write is
+// missing (the log directory, app.cfg): says so once on standard error and
+// then waits quietly. Other troubles are left to the readers and writers.
+void AwaitPath(const char* pcProg, const std::string& path, const char* pcWhat) {
+    struct stat st {};
+    bool told = false;
+    while (stat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        if (!told)
+            std::fprintf(stderr, "%s: %s %s is missing; waiting for it (pid %d)\n", pcProg, pcWhat, path.c_str(),
+                         static_cast<int>(getpid()));
+        told = true;
+        usleep(kAwaitPollUsec);
+    }
 }
 
 }  // namespace
@@ -44,7 +77,9 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGPIPE, SIGHUP, SIGCHLD, SIGUSR1, SIGUSR2}) signal(sig, SIG_IGN);
 
     if (argc < 6) {
-        PrintUsage(argv[0]);
+        void* pvSelf = dlopen(nullptr, RTLD_LAZY);
+        PrintUsage(argv[0], pvSelf);
+        if (pvSelf != nullptr) dlclose(pvSelf);
         return 2;
     }
     const char* pcRunDir = getenv("RUNDIR");
@@ -59,6 +94,11 @@ int main(int argc, char** argv) {
     std::snprintf(caRouteId, sizeof caRouteId, "%s", argv[2]);
     int iInstance = std::atoi(argv[3]);
     int iArg = std::atoi(argv[4]);
+
+    // Both logs live in $RUNDIR/log, and the trace log's settings come from
+    // app.cfg: wait for both before anything is logged.
+    AwaitPath(argv[0], std::string(pcRunDir) + "/log/", "log directory");
+    AwaitPath(argv[0], std::string(pcRunDir) + "/etc/app.cfg", "application configuration");
 
     char caPath[512] = {0};
     std::snprintf(caPath, sizeof caPath, "%s/log/com_%s_%d", pcRunDir, argv[5], getpid());
@@ -92,12 +132,15 @@ int main(int argc, char** argv) {
 
     void* pvSelf = dlopen(nullptr, RTLD_LAZY);
     if (pvSelf == nullptr) {
-        writelog(LOG_ERROR, nullptr, 0, "[%s][%d] %s", SRC_NAME, __LINE__, dlerror());
+        const char* pcErr = dlerror();
+        writelog(LOG_ERROR, nullptr, 0, "[%s][%d] %s", SRC_NAME, __LINE__, pcErr);
+        std::fprintf(stderr, "%s: the transport modes cannot be looked up: %s\n", argv[0], pcErr);
         return -1;
     }
     void* pvSym = dlsym(pvSelf, argv[1]);
     if (pvSym == nullptr) {
         writelog(LOG_ERROR, nullptr, 0, "[%s][%d] %s", SRC_NAME, __LINE__, dlerror());
+        ReportNoMode(argv[0], argv[1], pvSelf);
         dlclose(pvSelf);
         return -1;
     }
@@ -105,10 +148,13 @@ int main(int argc, char** argv) {
     // the mode's arguments would be undefined, so only the modes are taken.
     if (!IsMode(argv[1])) {
         writelog(LOG_ERROR, nullptr, 0, "[%s][%d] %s is not a transport mode", SRC_NAME, __LINE__, argv[1]);
+        ReportNoMode(argv[0], argv[1], pvSelf);
         dlclose(pvSelf);
         return -1;
     }
     auto pfMode = reinterpret_cast<SysModeFunc>(pvSym);
+    // The loop's report lines carry the mode's name from here on.
+    comp::log::SetRunningMode(argv[1]);
 
     iRet = pfMode(caRouteId, stRoute, iInstance, iArg);
     if (iRet < 0) {

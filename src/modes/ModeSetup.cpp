@@ -123,6 +123,26 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
     return a;
 }
 
+bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptSpec& stSpec, Accepted* pstOut) {
+    Accepted& a = *pstOut;
+    a = AcceptOnCommand(iListenFd, loop.TableSize(), stSpec);
+    const char* fmt = nullptr;
+    switch (a.outcome) {
+        case AcceptOutcome::kOk: return true;
+        case AcceptOutcome::kReportFailed:
+            wlog("SysTellCommonp error");
+            loop.Quit();
+        case AcceptOutcome::kAcceptFailed: fmt = "[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]"; break;
+        case AcceptOutcome::kTooMany: fmt = "[%s,%d]Too many communication node.errno=%d,errmsg=[%s]"; break;
+        case AcceptOutcome::kNoBlockFailed:
+        case AcceptOutcome::kPeerFailed: fmt = "[%s,%d]iNoblockFd error.errno=%d[%s]"; break;
+    }
+    a.fd.reset();
+    std::snprintf(g_caMsg, sizeof g_caMsg, fmt, pcSrc, __LINE__, a.err, std::strerror(a.err));
+    ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+    return false;
+}
+
 void CleanOwnQueueAndFifo(int iNotifyKind) {
     SysCleanQueue(getpid());
     RemoveOwnFifo(iNotifyKind);

@@ -78,6 +78,13 @@ struct Accepted {
 // writes its own log lines for the outcome.
 Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec);
 
+// AcceptOnCommand with the usual lines for what went wrong: "SysTellCommonp
+// error" (then the process quits through the loop), "iSockAccept error"
+// (EAGAIN too: another process took the client), "Too many communication
+// node", "iNoblockFd error"; a connection refused so is closed. True when
+// the connection is the caller's.
+bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptSpec& stSpec, Accepted* pstOut);
+
 // ---- quitting -------------------------------------------------------------
 
 // The usual clean-up of a mode that ends: this process's messages drained

@@ -17,9 +17,29 @@ int SysTcptcRecvPlatMsg(int iFifoFd, const char* pcRouteId, RouteRecord stRoute,
 int SysLsnInit(RouteRecord stRoute);
 int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute);
 
-// Persistent client and persistent server. Their helpers (SysSendMsg,
-// SysConnectIni, SysKeepAlive, ...) share names with other modes' and stay
-// in their files.
+// ---- Forwarder pair (FWB, FWS) ---------------------------------------------
+// Both take the listener shared with the supervisor as their fourth argument.
+int SysTCPFWB(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd);
+int SysTCPFWS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd);
+// Forwarder: the extended header (64, with the FTP fields for "A"); a header
+// alone to the upper server, connecting first when it is down (the server's
+// descriptor, or -1); the server's connection, reconnected when it is down
+// (in timer mode, iTimerFlag 1, only once the reconnect interval has passed:
+// -2 before); a new connection to the server; the first one at start; closing
+// the server connection and every client (how many clients were closed).
+int SysFWBuildExHeader(char cKind, const char* pcIp, int iPort, char* pcOut);
+int SysFWSendToRemote(int iServerFd, const char* pcRouteId, const RouteRecord* pstRoute, char cKind,
+                      const char* pcIp, int iPort);
+int SysCheckClientSock(int iTableSize, int iReconnInterval, const char* pcIp, int iPort, const RouteRecord* pstRoute,
+                       int iTimerFlag);
+int SysGetRemoteSock(const char* pcIp, int iPort, const char* pcRouteName);
+int SysConnectRemoteIni(const char* pcRouteName, const char* pcIp, int iPort);
+int SysCloseAll(int iServerFd);
+
+// ---- Persistent client and server (PC, PS) -----------------------------------
+// PS takes the listener shared with the supervisor as its fourth argument.
+// Their helpers (SysSendMsg, SysConnectIni, SysKeepAlive, ...) share names
+// with other modes' and stay in their files.
 int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
 int SysTCPPS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
 

@@ -113,7 +113,7 @@ int SysTcptcRecvPlatMsg(int iFifoFd, const char* pcRouteId, RouteRecord stRoute,
                     "PLAT_STATICROUTEINF");
         return -1;
     }
-    return SysReadPlatMsgByRID(pcRouteId, iFifoFd, pstBuf);
+    return comp::ReadPlatMsgByRIDAs(COMP_LOG_SITE, pcRouteId, iFifoFd, pstBuf);
 }
 
 }  // extern "C"

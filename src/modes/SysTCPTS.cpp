@@ -337,7 +337,7 @@ int SysResponseWork(int iFifoFd, char* pcRouteId, RouteRecord stRoute) {
         return -1;
     }
     QueueMsg& buf = ts.buf;
-    int len = SysReadPlatMsg(iFifoFd, &buf);
+    int len = comp::ReadPlatMsgAs(COMP_LOG_SITE, iFifoFd, &buf);
     if (len < 0) return -1;
 
     // The answer names its connection by descriptor (offset 16) and peer IP

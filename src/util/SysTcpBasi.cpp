@@ -1,6 +1,7 @@
 // IPv4 TCP socket helpers: listener, accept, peer address, blocking connect,
 // whole-buffer send and receive, non-blocking switch. Failures go to the
 // trace log at level 4 and are returned; the caller decides what follows.
+#include "base/SysGlobals.h"
 #include "util/SysTcpBasi.h"
 
 #include <arpa/inet.h>
@@ -30,6 +31,7 @@ static_assert(kIpTextLen >= INET_ADDRSTRLEN);
 
 // Peer address of the last iSockAccept, kept until the next one.
 sockaddr_in g_stAcceptPeer{};
+const comp::ResetRegistration g_stAcceptPeerReset([] { g_stAcceptPeer = sockaddr_in{}; });
 
 // Fills an IPv4 address; false (errno EINVAL) when the text is not one.
 bool MakeAddr(const char* pcIp, int iPort, sockaddr_in* pstAddr) {

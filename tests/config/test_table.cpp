@@ -87,7 +87,7 @@ TEST_F(Table, ArgumentListsAreCheckedBeforeTheSegment) {
     EXPECT_EQ(SysGetSingleRecord("PAIRS", value, "A", "1", "B", PARA_END), -1);
     EXPECT_TRUE(Contains(g_caMsg, "] The number of parameter is not properly.[3]"));
     EXPECT_EQ(SysGetRecords(0, "PAIRS", nullptr, "A", "1", nullptr), -1);
-    EXPECT_STREQ(g_caMsg, "[SysTable.cpp]param error,lost flag PARA_END");
+    EXPECT_STREQ(g_caMsg, "[SysTable]param error,lost flag PARA_END");
     EXPECT_EQ(SysGetValueByTableKey("PAIRS", "A", value, PARA_END), -1);
     EXPECT_TRUE(Contains(g_caMsg, "] lost parameter [PAIRS]"));
 

@@ -27,6 +27,14 @@ protected:
                                                route == kTcRoute ? "1" : "0"),
                   overrides, "Begin Working");
     }
+    // Writes one byte to one of comp's FIFOs: by default its control FIFO.
+    void Control(char cmd, std::string fifo = "") {
+        if (fifo.empty()) return comptest::ModeTest::Control(cmd);
+        int fd = open(run.file("fifo/" + fifo).c_str(), O_WRONLY | O_NONBLOCK);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, &cmd, 1), 1);
+        close(fd);
+    }
     std::string ConnLog() const { return comptest::ReadFile(run.file("runs/log/com_route10_127.0.0.1.log")); }
     // Waits until comp has closed one more client connection (each close
     // ends with this line in the connection log).
@@ -128,6 +136,33 @@ TEST_F(TsTest, binary_length_fields_frame_the_request) {
     EXPECT_EQ(NextRequest().body, msg) << AllLogs();
 }
 
+// A two-byte length of `total - 2` in network order, then the body.
+std::string Binary(int total) {
+    const int body = total - 2;
+    return std::string{static_cast<char>(body >> 8), static_cast<char>(body & 0xFF)} + std::string(body, 'z');
+}
+const comptest::RouteRow kBinaryFraming{{"HEADERLEN", "2"}, {"MSGLENGETLEN", "2"}, {"MSGLENGETTYPE", "2"}};
+
+// The framing takes messages up to 65,535 bytes, a platform message carries
+// 65,472 behind its header: a longer request is that client's fault alone.
+TEST_F(TsTest, request_too_long_for_a_platform_message_costs_only_its_connection) {
+    COMP_REQUIRE_BIG_MESSAGES();
+    StartTs(kBinaryFraming);
+    comp::UniqueFd fits = comptest::Connect(port);
+    ASSERT_TRUE(Send(fits.get(), Binary(65472)));
+    EXPECT_EQ(NextRequest().body.size(), 65472u);
+    for (int total : {65473, 65535}) {
+        comp::UniqueFd s = comptest::Connect(port);
+        ASSERT_TRUE(Send(s.get(), Binary(total)));
+        EXPECT_TRUE(Closes(s.get(), 3000)) << total;
+    }
+    EXPECT_TRUE(Logged({"request of 65473 bytes exceeds the 65472 a platform message carries,close"})) << AllLogs();
+    EXPECT_TRUE(Logged({"request of 65535 bytes exceeds"}));
+    comp::UniqueFd next = comptest::Connect(port);
+    ASSERT_TRUE(Send(next.get(), Binary(10)));
+    EXPECT_EQ(NextRequest().body, Binary(10)) << "the process serves on";
+}
+
 TEST_F(TsTest, silent_client_is_closed_after_the_idle_timeout) {
     StartTs({{"IDLETIMEOUT", "1"}});
     comp::UniqueFd s = comptest::Connect(port);
@@ -181,6 +216,7 @@ TEST_F(TsTest, late_answer_never_reaches_a_newcomer_from_the_same_address) {
 }
 
 TEST_F(TsTest, client_reset_before_its_answer_drops_only_that_answer) {
+    COMP_REQUIRE_BIG_MESSAGES();   // the answer is 60,000 bytes
     StartTs();
     Request r;
     {
@@ -256,12 +292,22 @@ TEST_F(TsTest, full_router_queue_holds_the_request_until_it_drains) {
     EXPECT_EQ(NextRequest(3000).body, Frame("waits")) << AllLogs();
 }
 
+TEST_F(TsTest, doorbell_without_an_answer_is_reported_by_SysResponseWork_and_ends_the_process) {
+    StartTs();
+    AllowFatal("expect data but not found,fatal error!");
+    Control('0', "1_" + std::to_string(pid));
+    EXPECT_EQ(WaitComp(c, 5000), 0);
+    EXPECT_TRUE(Logged({"[SysTCPTS:SysResponseWork:"})) << AllLogs();
+    EXPECT_NE(AllLogs().find("]expect data but not found,fatal error!"), std::string::npos);
+}
+
 TEST_F(TsTest, quit_command_logs_off_and_ends_with_status_0) {
     StartTs();
     Control('x');
     EXPECT_EQ(WaitComp(c, 5000), 0);
     EXPECT_GT(ReadCommonp(buf.get(), 4, 2000), 0);
     EXPECT_TRUE(Logged({"recv quit cmd"}));
+    EXPECT_NE(AllLogs().find("[SysTCPTS,"), std::string::npos) << "the loop's lines name the mode";
     EXPECT_FALSE(std::filesystem::exists(run.file("fifo/1_" + std::to_string(pid))))
         << "the notification FIFO is removed";
 }
@@ -337,12 +383,34 @@ TEST_F(TcTest, answer_spanning_two_messages_yields_only_the_first) {
     EXPECT_EQ(ReadToTranp(buf.get(), pid, 300), 0);
 }
 
+TEST_F(TcTest, answer_too_long_for_a_platform_message_is_dropped_and_serving_goes_on) {
+    COMP_REQUIRE_BIG_MESSAGES();
+    StartTc(kBinaryFraming);
+    for (int total : {65473, 65472}) {
+        Request(Binary(8));
+        comp::UniqueFd conn = comptest::Accept(listener.get(), 5000);
+        ASSERT_TRUE(conn.valid()) << AllLogs();
+        ASSERT_TRUE(Send(conn.get(), Binary(total)));
+        EXPECT_TRUE(Closes(conn.get(), 3000));
+    }
+    EXPECT_EQ(ReadToTranp(buf.get(), pid, 5000), 64 + 65472) << "only the answer that fits";
+    EXPECT_TRUE(Logged({"answer of 65473 bytes exceeds the 65472 a platform message carries,dropped"}));
+}
+
 TEST_F(TcTest, any_control_byte_ends_the_process) {
     StartTc();
     Control('0');
     EXPECT_EQ(WaitComp(c, 5000), 0);
     EXPECT_TRUE(Logged({"bad branch"}));
     EXPECT_GT(ReadCommonp(buf.get(), 4, 2000), 0) << "logged off";
+}
+
+TEST_F(TcTest, doorbell_without_a_request_is_reported_by_SysTcptcRecvPlatMsg) {
+    StartTc();
+    AllowFatal("expect data but not found,fatal error!");
+    Control('0', "2_20_1");
+    EXPECT_EQ(WaitComp(c, 5000), 0);
+    EXPECT_TRUE(Logged({"[SysTCPTC:SysTcptcRecvPlatMsg:"})) << AllLogs();
 }
 
 TEST_F(TcTest, wrong_msgsndtype_ends_the_process_on_the_first_request) {

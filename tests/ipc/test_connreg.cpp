@@ -329,3 +329,21 @@ TEST_F(ConnRegTest, DamagedLinksGiveErrorsNotHangs) {
 }
 
 }  // namespace
+
+namespace {
+int Attached(int shmId) {
+    shmid_ds ds{};
+    return shmctl(shmId, IPC_STAT, &ds) == 0 ? static_cast<int>(ds.shm_nattch) : -1;
+}
+}  // namespace
+
+// The process reset of in-process tests lets go of the cached attachment.
+TEST_F(ConnRegTest, process_reset_detaches_the_cached_registry) {
+    ASSERT_EQ(SysSaveInfo("1", "10.0.0.1", 1000, 5, 5), 0);
+    EXPECT_EQ(Attached(shmId_), 2) << "the test's view and the cache";
+    const int key = g_memlist_shmkey, size = g_memlist_shmsize;
+    SysResetGlobals();
+    EXPECT_EQ(Attached(shmId_), 1);
+    g_memlist_shmkey = key;
+    g_memlist_shmsize = size;
+}

@@ -164,3 +164,11 @@ TEST_F(MsgPoolTest, RandomTrafficMatchesAModel) {
 }
 
 }  // namespace
+
+TEST(MsgPoolReset, process_reset_releases_the_pool) {
+    ASSERT_EQ(InitMemPool(64 * 1124 + 20), 0);
+    ASSERT_GT(SysSetPool("k", "data", 4), 0);
+    SysResetGlobals();
+    EXPECT_EQ(PoolGetBNum(), 0);
+    EXPECT_LT(SysSetPool("k", "data", 4), 0) << "no pool until InitMemPool again";
+}

@@ -63,8 +63,7 @@ TEST_F(Queue, FullQueueFailsNoWaitWriteSilentlyAndOversizeLengthsAreRefused) {
 }
 
 TEST_F(Queue, FullSizeMessageRoundTrip) {
-    std::string why;
-    if (!comptest::EnsureBigQueueMessages(&why)) GTEST_SKIP() << why;
+    COMP_REQUIRE_BIG_MESSAGES();
     const int iQid = keys.newQueue();
     auto out = Msg(3);
     for (int i = 0; i < comp::kQueueTextLen; ++i) out->caText[i] = static_cast<char>(i * 7);
@@ -183,11 +182,13 @@ TEST_F(Fifo, WrongOrMissingFilesAtThePath) {
     EXPECT_EQ(iConnectFIFO("77", 3), -3);
     EXPECT_EQ(iCheckPipe("3_77"), -3);
     EXPECT_NE(Logs().find("3_77] isn't a fifo file"), npos);
+    EXPECT_NE(Logs().find("[SysFIFO:"), npos);
 
     EXPECT_EQ(iConnectFIFO("78", 3), -2);
     EXPECT_FALSE(fs::exists(run.file("fifo/3_78")));
-    EXPECT_EQ(SysCleanIpcFileById("78", 3), -2);
     EXPECT_NE(Logs().find("3_78] is not exist"), npos);
+    EXPECT_EQ(SysCleanIpcFileById("78", 3), -2);
+    EXPECT_NE(Logs().find("[SysRscApp:"), npos) << "the clean-up routines report as SysRscApp";
 }
 
 TEST_F(Fifo, PathsThatDoNotFitAreRefused) {

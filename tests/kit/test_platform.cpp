@@ -6,9 +6,11 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <set>
+#include <thread>
 #include <sstream>
 
 #include "Platform.h"
@@ -205,6 +207,39 @@ TEST(TablesCfg, bad_lines_are_reported_with_their_line_number) {
     }
 }
 
+TEST(CompkitCommandLine, help_prints_the_usage_and_mistakes_say_what_is_wrong_first) {
+    comptest::TempRunDir run;
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string first;   // the output's first line begins so
+    } cases[] = {
+        {{"help"}, 0, "usage: compkit"},
+        {{"--help"}, 0, "usage: compkit"},
+        {{"-h"}, 0, "usage: compkit"},
+        {{}, 2, "compkit: no subcommand given"},
+        {{"start", run.path()}, 2, "compkit: unknown subcommand 'start'"},
+        {{"up"}, 2, "compkit: up needs the run directory"},
+        {{"status", run.file("nowhere")}, 2, "compkit: the run directory " + run.file("nowhere") + " does not exist"},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        kit::SpawnOptions plan;
+        plan.path = comptest::CompkitBinary();
+        plan.argv = {plan.path};
+        plan.argv.insert(plan.argv.end(), c.args.begin(), c.args.end());
+        plan.outputPath = run.file("log/compkit" + std::to_string(++n) + ".out");
+        std::string why;
+        const pid_t pid = kit::Spawn(plan, &why);
+        int status = -1;
+        ASSERT_TRUE(kit::WaitChild(pid, 5000, &status)) << why;
+        const std::string out = comptest::ReadFile(plan.outputPath);
+        EXPECT_EQ(WEXITSTATUS(status), c.status) << out;
+        EXPECT_EQ(out.rfind(c.first, 0), 0u) << out;
+        EXPECT_NE(out.find("usage: compkit"), std::string::npos) << out;
+    }
+}
+
 class SupervisorTest : public comptest::PlatformTest {
 protected:
     void TearDown() override {
@@ -250,7 +285,7 @@ protected:
     pid_t supervisor = -1;
 };
 
-TEST_F(SupervisorTest, reports_an_ended_instance_restarts_nothing_and_stops_all_on_sigterm) {
+TEST_F(SupervisorTest, reports_an_ended_instance_restarts_it_only_when_asked_and_stops_all_on_sigterm) {
     comptest::PlatformSetup setup;
     setup.routes = {comptest::MakeRouteRow(20, "127.0.0.1:1", "1")};
     StartPlatform(setup);
@@ -268,6 +303,11 @@ TEST_F(SupervisorTest, reports_an_ended_instance_restarts_nothing_and_stops_all_
         << "the killed instance's control FIFO is removed";
     kit::SleepMs(1500);
     EXPECT_EQ(Started("TC20_1").size(), 1u) << Output();
+    // Only the operator's SIGUSR1 starts it again.
+    kill(supervisor, SIGUSR1);
+    ASSERT_TRUE(WaitFor({"logon: TC20_1"}, 2)) << Output();
+    EXPECT_EQ(Started("TC20_1").size(), 2u) << Output();
+    EXPECT_EQ(Started("TC20_2").size(), 1u) << "what runs is left alone";
 
     std::vector<pid_t> all = Started("TC20_");
     kill(supervisor, SIGTERM);
@@ -275,7 +315,8 @@ TEST_F(SupervisorTest, reports_an_ended_instance_restarts_nothing_and_stops_all_
     EXPECT_TRUE(kit::WaitChild(supervisor, 15000, &status));
     supervisor = -1;
     EXPECT_EQ(status, 0) << Output();
-    EXPECT_EQ(Lines({"logoff: TC20_1"}).size(), 0u) << "the killed one could not log off" << Output();
+    EXPECT_EQ(Lines({"logoff: TC20_1"}).size(), 1u) << "the killed one could not log off, its successor did"
+                                                    << Output();
     EXPECT_EQ(Lines({"logoff: TC20_2"}).size(), 1u) << Output();
     EXPECT_EQ(Lines({"down: ", " IPC objects removed"}).size(), 1u) << Output();
     for (pid_t pid : all) EXPECT_FALSE(kit::ProcessAlive(pid)) << pid;
@@ -316,6 +357,59 @@ TEST_F(SupervisorTest, shared_listener_clients_go_to_the_instances_in_turn) {
     clients.push_back(comptest::Connect(port));
     EXPECT_TRUE(WaitFor({"told PS31_2 to accept"}, 2)) << Output();
     EXPECT_EQ(Started("PS31_1").size(), 1u);
+}
+
+TEST_F(SupervisorTest, two_clients_at_once_through_a_relay_to_two_tc_instances_each_get_their_own_answers) {
+    const int tsPort = comptest::FreeLoopbackPort(), echoPort = comptest::FreeLoopbackPort();
+    comptest::PlatformSetup setup;
+    setup.routes = {comptest::MakeRouteRow(10, "127.0.0.1:" + std::to_string(tsPort), "0"),
+                    comptest::MakeRouteRow(20, "127.0.0.1:" + std::to_string(echoPort), "1")};
+    StartPlatform(setup);
+    run.write("etc/compkit.cfg",
+              "route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\ninstance 10 1\ninstance 20 1\ninstance 20 2\n");
+    std::string why;
+    kit::SpawnOptions echo;
+    echo.path = comptest::CompkitBinary();
+    echo.argv = {echo.path, "echo-server", "127.0.0.1:" + std::to_string(echoPort), "--frame", "4,0,4,0",
+                 "--prefix", "echo: "};
+    echo.outputPath = run.file("log/echo.out");
+    const pid_t echoPid = kit::Spawn(echo, &why);
+    ASSERT_GT(echoPid, 0) << why;
+    StartSupervisor();
+    // Both TC instances wait on their doorbells: they say so once their
+    // FIFOs are open (a ring before that, when the FIFO has just been made,
+    // would be lost).
+    auto working = [&] {
+        int n = 0;
+        for (const auto& e : fs::directory_iterator(run.file("log")))
+            if (e.path().filename().string().rfind("com_TC20_", 0) == 0 &&
+                comptest::ReadFile(e.path().string()).find("Begin Working") != std::string::npos)
+                ++n;
+        return n;
+    };
+    for (int i = 0; i < 500 && working() < 2; ++i) kit::SleepMs(20);
+
+    constexpr int kEach = 25;
+    std::atomic<int> ready{0};
+    std::vector<std::string> wrong[2];
+    auto client = [&](int who) {
+        ++ready;
+        while (ready < 2) std::this_thread::yield();
+        for (int i = 0; i < kEach; ++i) {
+            const std::string body = "client" + std::to_string(who) + "-" + std::to_string(i);
+            comp::UniqueFd s = comptest::Connect(tsPort);
+            const bool sent = comptest::Send(s.get(), comptest::Frame(body));
+            const std::string got = sent ? comptest::ReadFrame(s.get(), 10000) : "";
+            if (got != comptest::Frame("echo: " + body)) wrong[who].push_back(body + " got [" + got + "]");
+        }
+    };
+    std::thread first(client, 0), second(client, 1);
+    first.join();
+    second.join();
+    kit::StopChild(echoPid, 3000);
+    EXPECT_TRUE(wrong[0].empty() && wrong[1].empty())
+        << wrong[0].size() + wrong[1].size() << " wrong, e.g. " << (wrong[0].empty() ? wrong[1] : wrong[0]).front()
+        << "\n" << Output();
 }
 
 }  // namespace

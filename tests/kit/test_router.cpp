@@ -104,35 +104,55 @@ TEST_F(RouterTest, echo_answers_in_the_form_of_the_asking_mode_and_rings_its_fif
     for (int fd : rings) EXPECT_EQ(Rings(fd), 1);
 }
 
-TEST_F(RouterTest, relayed_answers_return_to_the_requests_in_order) {
-    Configure("route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\n");
+TEST_F(RouterTest, a_client_route_has_one_relayed_request_in_flight_so_each_answer_finds_its_request) {
+    Configure("route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\ninstance 20 1\ninstance 20 2\n");
     int tsRing = Fifo("4242", comp::kFifoPidNotify);
-    int tcRing = Fifo("20_1", comp::kFifoRouteNotify);
+    const int tcRings[] = {Fifo("20_1", comp::kFifoRouteNotify), Fifo("20_2", comp::kFifoRouteNotify)};
     const char* t = buf->caText;
     Route(PlatMsg(4242, 10, 7, 5001, "10.0.0.1", "0001A"));
     Route(PlatMsg(4242, 10, 8, 5002, "10.0.0.2", "0001B"));
     ASSERT_EQ(Answer(20), 69) << Trace();
     EXPECT_EQ(At<int32_t>(t, p::kSock), 7) << "the request goes to the client route as it came";
-    ASSERT_EQ(Answer(20), 69);
-    EXPECT_EQ(Rings(tcRing), 2);
-    EXPECT_EQ(router->book().waiting(20), 2u);
+    EXPECT_EQ(Answer(20), 0) << "B waits until A is answered";
+    EXPECT_EQ(router->book().waiting(20), 1u);
 
-    // The TC answers carry the TC's pid, route 20 and its own socket only.
+    // A TC answer carries the TC's pid, route 20 and its own socket only:
+    // it can only be A's.
     Route(PlatMsg(6000, 20, 4, 7020, "127.0.0.1", "0002ra"));
-    Route(PlatMsg(6000, 20, 5, 7020, "127.0.0.1", "0002rb"));
     ASSERT_EQ(Answer(4242), 70) << Trace();
     EXPECT_EQ(At<int32_t>(t, p::kSock), 7);
     EXPECT_STREQ(t + p::kPort, "10.0.0.1");
     EXPECT_EQ(std::string(t + 64, 6), "0002ra");
+    ASSERT_EQ(Answer(20), 69) << "then B is sent" << Trace();
+    EXPECT_EQ(At<int32_t>(t, p::kSock), 8);
+
+    Route(PlatMsg(6001, 20, 5, 7020, "127.0.0.1", "0002rb"));
     ASSERT_EQ(Answer(4242), 70);
     EXPECT_EQ(At<int32_t>(t, p::kSock), 8);
     EXPECT_STREQ(t + p::kPort, "10.0.0.2");
     EXPECT_EQ(Rings(tsRing), 2);
-    EXPECT_EQ(router->book().waiting(20), 0u);
+    EXPECT_EQ(Rings(tcRings[0]) + Rings(tcRings[1]), 2);
 
     Route(PlatMsg(6000, 20, 4, 7020, "127.0.0.1", "0005late!"));
     EXPECT_EQ(Answer(0), 0);
-    EXPECT_NE(Trace().find("matches no waiting request"), std::string::npos) << Trace();
+    EXPECT_NE(Trace().find("matches no request in flight; dropped"), std::string::npos) << Trace();
+}
+
+TEST_F(RouterTest, a_request_without_answer_is_given_up_after_the_relay_timeout_and_the_route_serves_again) {
+    Configure("route 10 SysTCPTS relay 20\nroute 20 SysTCPTC\nrelay-timeout 5\n");
+    Fifo("4242", comp::kFifoPidNotify);
+    Fifo("20_1", comp::kFifoRouteNotify);
+    Route(PlatMsg(4242, 10, 7, 5001, "10.0.0.1", "0001A"));
+    ASSERT_EQ(Answer(20), 69) << Trace();
+    router->expire(kit::NowMs() + 4000, &trace);
+    EXPECT_TRUE(router->book().inFlight(20)) << "not yet";
+    router->expire(kit::NowMs() + 6000, &trace);
+    EXPECT_FALSE(router->book().inFlight(20));
+    EXPECT_NE(Trace().find("route 20 did not answer within 5 s; gave up the request of route 10 fd 7"),
+              std::string::npos) << Trace();
+
+    Route(PlatMsg(4242, 10, 9, 5003, "10.0.0.3", "0001C"));
+    EXPECT_EQ(Answer(20), 69) << "the next request goes out at once";
 }
 
 TEST_F(RouterTest, nothing_is_queued_for_a_reader_whose_fifo_is_gone) {
@@ -140,7 +160,8 @@ TEST_F(RouterTest, nothing_is_queued_for_a_reader_whose_fifo_is_gone) {
     Route(PlatMsg(4242, 10, 7, 5001, "10.0.0.1", "0001A"));
     Route(PlatMsg(4242, 11, 7, 5001, "10.0.0.1", "0001A"));
     EXPECT_EQ(Answer(0), 0);
-    EXPECT_EQ(router->book().waiting(20), 0u) << "an undelivered request waits for no answer";
+    EXPECT_FALSE(router->book().inFlight(20)) << "an undelivered request waits for no answer";
+    EXPECT_EQ(router->book().waiting(20), 0u);
     EXPECT_NE(Trace().find("FIFO 1_4242 is missing"), std::string::npos) << Trace();
     EXPECT_NE(Trace().find("no FIFO 2_20_*"), std::string::npos) << Trace();
 }
@@ -157,11 +178,22 @@ TEST_F(RouterTest, notifications_are_traced_and_not_answered) {
     EXPECT_EQ(trace[0], "<- N001 pid 4242 route 10 fd 7 ip 10.0.0.9 port 5009 [0.0.0.0] [] []");
 }
 
-TEST(RelayBook, forgets_requests_past_their_age) {
+TEST(RelayBook, gives_up_the_request_in_flight_and_forgets_the_waiting_ones_past_their_age) {
     kit::RelayBook book;
-    for (int64_t since : {1000, 5000}) book.push(20, {std::vector<char>(64), kit::AnswerForm::kTsPeerIpAt24, since});
-    EXPECT_EQ(book.expire(6001, 2000), 1);
-    EXPECT_EQ(book.waiting(20), 1u);
+    for (int64_t since : {1000, 2000, 5000})
+        book.queue(20, {std::vector<char>(64, char(since / 1000)), kit::AnswerForm::kTsPeerIpAt24, since});
+    ASSERT_NE(book.startNext(20, 1000), nullptr);
+    EXPECT_EQ(book.startNext(20, 1000), nullptr) << "one in flight at a time";
+
+    std::vector<std::pair<int, kit::RelayBook::Entry>> givenUp;
+    EXPECT_EQ(book.expire(12001, 10000, &givenUp), 1) << "the one that came at 2000 waited too long";
+    ASSERT_EQ(givenUp.size(), 1u);
+    EXPECT_EQ(givenUp[0].first, 20);
+    EXPECT_EQ(givenUp[0].second.text[0], 1);
+    const kit::RelayBook::Entry* next = book.startNext(20, 12001);
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(next->text[0], 5);
+    EXPECT_EQ(book.waiting(20), 0u);
 }
 
 TEST(KitConfig, mistakes_are_reported_with_their_line) {
@@ -225,6 +257,14 @@ TEST(Framing, every_length_encoding_is_written_as_routes_read_it_and_survives_si
     EXPECT_FALSE(kit::Framing::Parse("4,0,4,7", &why));
     EXPECT_EQ(kit::Framing::Parse("2,0,2,2", &why)->bodyLength("\xFF\xFF"), -1) << "past 65,535 bytes";
     EXPECT_EQ(kit::Framing::Parse("4,0,4,0,0,-10", &why)->bodyLength("0005"), -1) << "a negative body length";
+
+    // What the length field can hold, and comp's message limit.
+    const auto digits = kit::Framing::Parse("4,0,4,0", &why);
+    EXPECT_TRUE(digits->fits(9999, &why));
+    EXPECT_FALSE(digits->fits(10000, &why));
+    EXPECT_NE(why.find("(0 to 9999)"), std::string::npos) << why;
+    EXPECT_FALSE(kit::Framing::Parse("2,0,2,2", &why)->fits(65534, &why)) << "65,536 bytes in all";
+    EXPECT_TRUE(kit::Framing::Parse("4,0,4,0,0,-4", &why)->fits(4, &why)) << "the field counts the header too";
 }
 
 TEST(NetTools, send_gets_the_echo_server_answer_with_the_route_framing_of_tables_cfg) {
@@ -255,6 +295,34 @@ TEST(NetTools, send_gets_the_echo_server_answer_with_the_route_framing_of_tables
     const std::string out = comptest::ReadFile(send.outputPath);
     EXPECT_EQ(status, 0) << out << comptest::ReadFile(server.outputPath);
     EXPECT_NE(out.find("answer header \"HDR0\\x00\\x0B\" body \"re:hi there\""), std::string::npos) << out;
+}
+
+TEST(NetTools, echo_server_refuses_an_answer_its_length_field_cannot_hold) {
+    comptest::TempRunDir run;
+    const int port = comptest::FreeLoopbackPort();
+    kit::SpawnOptions server;
+    server.path = comptest::CompkitBinary();
+    server.argv = {server.path, "echo-server", "127.0.0.1:" + std::to_string(port), "--frame", "4,0,4,0",
+                   "--prefix", "echo: "};
+    server.outputPath = run.file("log/echo.out");
+    std::string why;
+    const pid_t srv = kit::Spawn(server, &why);
+    ASSERT_GT(srv, 0) << why;
+
+    // 9,993 bytes and the prefix make 9,999: the largest the four digits hold.
+    const std::string fits(9993, 'f');
+    comp::UniqueFd a = comptest::Connect(port);
+    ASSERT_TRUE(comptest::Send(a.get(), comptest::Frame(fits)));
+    EXPECT_EQ(comptest::ReadFrame(a.get(), 5000), "9999echo: " + fits);
+
+    comp::UniqueFd b = comptest::Connect(port);
+    ASSERT_TRUE(comptest::Send(b.get(), comptest::Frame(fits + "xy")));
+    bool closed = false;
+    EXPECT_EQ(comptest::ReadUntilClose(b.get(), 5000, &closed), "") << "no answer with a wrong length";
+    EXPECT_TRUE(closed);
+    kit::StopChild(srv, 3000);
+    EXPECT_NE(comptest::ReadFile(server.outputPath).find("not answered: a body of 10001 bytes"), std::string::npos)
+        << comptest::ReadFile(server.outputPath);
 }
 
 TEST(NetTools, echo_server_keeps_the_connection_and_sends_and_answers_heartbeats) {

@@ -1,6 +1,7 @@
 // The shared hex dump, the trace log (entries, threshold, rotation, names,
 // appends from two processes) and the error log (records, levels, rotation,
-// ending the process, the warning and fatal files).
+// ending the process, the warning and fatal files), and the source names of
+// the report lines.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include "UnitFixture.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
+#include "log/SourceName.h"
 #include "log/SysTraceLog.h"
 
 namespace fs = std::filesystem;
@@ -256,6 +258,26 @@ TEST(ErrReports, RangeChecks) {
     EXPECT_STREQ(out, "P_DetErrRpt: iFunErrCode = -100 not in range [-99, 0]");
     EXPECT_EQ(DetErrRpt(-5, "oops", out, sizeof out), 0);
     EXPECT_STREQ(out, "P_DetErrRpt:iFunErrCode=-5\nError message :oops");
+}
+
+TEST(SourceName, the_frame_and_the_engine_report_under_the_platform_sources) {
+    using comp::log::LabelOf;
+    constexpr auto kFrame = LabelOf("/w/src/comp/SysNetFrame.cpp");
+    static_assert(std::string_view(kFrame.caName) == "SysComPub" && !kFrame.bRunningMode);
+    static_assert(std::string_view(LabelOf("/w/src/modes/SysTCPTS.cpp").caName) == "SysTCPTS");
+    static_assert(std::string_view(LabelOf("/w/src/ipc/SysFIFO.cpp").caName) == "SysFIFO");
+    static_assert(std::string_view(LabelOf("SysComMain.cpp").caName) == "SysComMain");
+    // A checkout under a directory called "comp" changes nothing.
+    static_assert(std::string_view(LabelOf("/home/comp/src/util/SysTcpBasi.cpp").caName) == "SysTcpBasi");
+
+    constexpr auto kEngine = LabelOf("/w/src/modes/SysModeLoop.cpp");
+    static_assert(kEngine.bRunningMode);
+    comptest::ResetGlobals();
+    EXPECT_STREQ(comp::log::RunningModeOr(kEngine.caName), "SysModeLoop") << "before a mode runs";
+    comp::log::SetRunningMode("SysTCPTC");
+    EXPECT_STREQ(comp::log::RunningModeOr(kEngine.caName), "SysTCPTC");
+    EXPECT_STREQ(SRC_NAME, "test_log");
+    comptest::ResetGlobals();
 }
 
 }  // namespace

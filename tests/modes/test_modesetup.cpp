@@ -130,6 +130,31 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
               comp::AcceptOutcome::kReportFailed);
 }
 
+TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_one) {
+    int port = 0;
+    comp::UniqueFd lsn(Listener(&port));
+    comp::Loop::Spec spec;
+    spec.pcSrc = "Src";
+    spec.iTableSize = 1024;
+    comp::Loop loop(spec, comp::Loop::Hooks{});
+    comp::Accepted a;
+    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
+    EXPECT_TRUE(Logged("]iSockAccept error.errno=11,errmsg=[")) << Logs();
+
+    comp::UniqueFd client = Dial(port);
+    ASSERT_TRUE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
+    EXPECT_TRUE(a.fd.valid());
+
+    spec.iTableSize = a.fd.get();
+    comp::Loop small(spec, comp::Loop::Hooks{});
+    comp::UniqueFd second = Dial(port);
+    comp::Accepted over;
+    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", small, lsn.get(), comp::AcceptSpec{}, &over));
+    EXPECT_TRUE(Logged("]Too many communication node.errno="));
+    EXPECT_FALSE(over.fd.valid()) << "a refused connection is closed";
+    EXPECT_EQ(Reports(), 3);
+}
+
 TEST_F(ModeSetupTest, control_commands_quit_accept_or_end_on_a_bad_byte) {
     int fd = iOpenFIFO("ctl", comp::kFifoControl);
     ASSERT_GE(fd, 0);

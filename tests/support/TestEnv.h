@@ -2,6 +2,7 @@
 // the test's own, with every object removed again when the test ends.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,6 +84,15 @@ bool EnsureBigQueueMessages(std::string* why);
 // Port a socket is bound to, and the backlog of a listener (from TCP_INFO).
 int LocalPort(int fd);
 int ListenerBacklog(int fd);
+
+// Skips the test, saying which kernel limit is too small, when 64 KiB queue
+// messages cannot be had (a fresh machine without root). Every test that
+// queues a message of more than 8 KiB starts with it.
+#define COMP_REQUIRE_BIG_MESSAGES()                                                          \
+    do {                                                                                     \
+        std::string compBigWhy;                                                              \
+        if (!::comptest::EnsureBigQueueMessages(&compBigWhy)) GTEST_SKIP() << compBigWhy;    \
+    } while (0)
 
 // Runs fn in a child process that exits with fn's result; the child's pid.
 template <typename Fn>

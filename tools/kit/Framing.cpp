@@ -96,6 +96,28 @@ bool Framing::valid(std::string* why) const {
     return true;
 }
 
+bool Framing::fits(size_t bodyLen, std::string* why) const {
+    long maxValue = 4294967295L;   // '1', '3': 32 bits
+    if (lenType == '2') maxValue = 65535L;
+    if (lenType == '0') {
+        maxValue = 1;
+        for (int i = 0; i < lenWidth; ++i) maxValue *= 10;   // the width is at most 10
+        --maxValue;
+    }
+    const long value = static_cast<long>(bodyLen) - adjust;
+    if (value < 0 || value > maxValue) {
+        *why = "a body of " + std::to_string(bodyLen) + " bytes gives the length value " + std::to_string(value) +
+               ", which the length field does not hold (0 to " + std::to_string(maxValue) + ")";
+        return false;
+    }
+    if (static_cast<long>(bodyLen) + headerLen > comp::kMaxNetMsgLen) {
+        *why = "a body of " + std::to_string(bodyLen) + " bytes makes a message over " +
+               std::to_string(comp::kMaxNetMsgLen) + " bytes";
+        return false;
+    }
+    return true;
+}
+
 std::vector<char> Framing::encode(std::string_view body, std::string_view headerFill) const {
     std::vector<char> msg(static_cast<size_t>(headerLen), '0');
     if (!headerFill.empty()) std::memcpy(msg.data(), headerFill.data(), std::min(headerFill.size(), msg.size()));

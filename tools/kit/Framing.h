@@ -26,8 +26,12 @@ struct Framing {
     // False with the reason when the rule cannot frame anything.
     bool valid(std::string* why) const;
 
+    // Whether a body of bodyLen bytes can be framed: its length value must fit
+    // the length field, and the message comp's limit of 65,535 bytes. False
+    // with the reason.
+    bool fits(size_t bodyLen, std::string* why) const;
     // One message: the header (headerFill, cut or padded with '0', with the
-    // length field written over it) and the body.
+    // length field written over it) and the body. The body must fit().
     std::vector<char> encode(std::string_view body, std::string_view headerFill = {}) const;
     // Body length a complete header announces, or -1 when it is unusable.
     long bodyLength(const char* header) const;

@@ -3,7 +3,8 @@
 // starts.
 //
 //   comp PATH                          comp binary (else $COMPKIT_COMP, else next to compkit)
-//   relay-timeout SECONDS              forget a relayed request after this long (default 60)
+//   relay-timeout SECONDS              how long a relayed request may wait to be sent, then for its
+//                                      answer (default 60)
 //   route ID MODE [ACTION] [listen IP:PORT]
 //        ACTION: echo | relay ID | drop (default drop)
 //   instance ROUTE NUMBER

@@ -121,24 +121,6 @@ bool SendAll(int fd, const std::vector<char>& data) {
     return true;
 }
 
-// The largest value the length field can carry.
-long MaxLengthValue(const Framing& f) {
-    if (f.lenType == '2') return 65535L;
-    if (f.lenType != '0') return 4294967295L;
-    long max = 1;
-    for (int i = 0; i < f.lenWidth; ++i) max *= 10;  // width is at most 10
-    return max - 1;
-}
-
-bool BodyFits(const Framing& f, size_t bodyLen, std::string* why) {
-    const long value = static_cast<long>(bodyLen) - f.adjust;
-    if (value < 0 || value > MaxLengthValue(f) || static_cast<long>(bodyLen) + f.headerLen > 65535) {
-        *why = "a body of " + std::to_string(bodyLen) + " bytes does not fit this framing";
-        return false;
-    }
-    return true;
-}
-
 std::atomic<bool> g_netStop{false};
 extern "C" void OnNetSignal(int) { g_netStop = true; }
 
@@ -213,7 +195,7 @@ int RunSend(const std::vector<std::string>& args) {
     }
     std::string body;
     for (size_t i = 0; i < a.words.size(); ++i) body += (i ? " " : "") + a.words[i];
-    if (!BodyFits(a.framing, body.size(), &why)) {
+    if (!a.framing.fits(body.size(), &why)) {
         std::fprintf(stderr, "compkit send: %s\n", why.c_str());
         return 2;
     }
@@ -261,7 +243,7 @@ int RunEchoServer(const std::vector<std::string>& args) {
         std::fprintf(stderr, "compkit echo-server: --beat-every needs --heartbeat BODY\n");
         return 2;
     }
-    if (!a.heartbeat.empty() && !BodyFits(a.framing, a.heartbeat.size(), &why)) {
+    if (!a.heartbeat.empty() && !a.framing.fits(a.heartbeat.size(), &why)) {
         std::fprintf(stderr, "compkit echo-server: heartbeat: %s\n", why.c_str());
         return 2;
     }
@@ -327,11 +309,19 @@ int RunEchoServer(const std::vector<std::string>& args) {
                 // A heartbeat is answered with this server's own; anything
                 // else comes back with the prefix.
                 const bool isBeat = !a.heartbeat.empty() && got.substr(0, a.heartbeat.size()) == a.heartbeat;
-                std::vector<char> out = isBeat ? beat
-                                               : a.framing.encode(a.prefix + std::string(got),
-                                                                  std::string_view(m->data(), static_cast<size_t>(hl)));
                 std::printf("%s echo-server: %s sent %s%s\n", ClockText().c_str(), c.peer.c_str(),
                             isBeat ? "a heartbeat: " : "", Describe(a.framing, *m).c_str());
+                const std::string body = isBeat ? a.heartbeat : a.prefix + std::string(got);
+                // A length field that cannot hold the answer's length would
+                // lie about it: no answer, and the connection is closed.
+                if (std::string tooLong; !a.framing.fits(body.size(), &tooLong)) {
+                    std::printf("%s echo-server: %s not answered: %s\n", ClockText().c_str(), c.peer.c_str(),
+                                tooLong.c_str());
+                    closeIt = true;
+                    break;
+                }
+                std::vector<char> out =
+                    isBeat ? beat : a.framing.encode(body, std::string_view(m->data(), static_cast<size_t>(hl)));
                 if (!SendAll(fds[i].fd, out)) closeIt = true;
                 c.lastSendMs = NowMs();
             }

@@ -176,27 +176,46 @@ int ReadQueue(int qid, long type, QueueMsg* buf, int timeoutMs) {
     }
 }
 
-bool RelayBook::pop(int clientRoute, Entry* out) {
-    auto it = waiting_.find(clientRoute);
-    if (it == waiting_.end() || it->second.empty()) return false;
-    *out = std::move(it->second.front());
-    it->second.pop_front();
+const RelayBook::Entry* RelayBook::startNext(int clientRoute, int64_t nowMs) {
+    Route& r = routes_[clientRoute];
+    if (r.flight || r.waiting.empty()) return nullptr;
+    r.flight = std::move(r.waiting.front());
+    r.waiting.pop_front();
+    r.flight->sinceMs = nowMs;
+    return &*r.flight;
+}
+
+bool RelayBook::finish(int clientRoute, Entry* out) {
+    auto it = routes_.find(clientRoute);
+    if (it == routes_.end() || !it->second.flight) return false;
+    *out = std::move(*it->second.flight);
+    it->second.flight.reset();
     return true;
 }
 
-size_t RelayBook::waiting(int clientRoute) const {
-    auto it = waiting_.find(clientRoute);
-    return it == waiting_.end() ? 0 : it->second.size();
+bool RelayBook::inFlight(int clientRoute) const {
+    auto it = routes_.find(clientRoute);
+    return it != routes_.end() && it->second.flight.has_value();
 }
 
-int RelayBook::expire(int64_t nowMs, int64_t maxAgeMs) {
-    int n = 0;
-    for (auto& [route, q] : waiting_)
-        while (!q.empty() && nowMs - q.front().sinceMs > maxAgeMs) {
-            q.pop_front();
-            ++n;
+size_t RelayBook::waiting(int clientRoute) const {
+    auto it = routes_.find(clientRoute);
+    return it == routes_.end() ? 0 : it->second.waiting.size();
+}
+
+int RelayBook::expire(int64_t nowMs, int64_t maxAgeMs, std::vector<std::pair<int, Entry>>* givenUp) {
+    int forgotten = 0;
+    for (auto& [route, r] : routes_) {
+        if (r.flight && nowMs - r.flight->sinceMs > maxAgeMs) {
+            givenUp->emplace_back(route, std::move(*r.flight));
+            r.flight.reset();
         }
-    return n;
+        while (!r.waiting.empty() && nowMs - r.waiting.front().sinceMs > maxAgeMs) {
+            r.waiting.pop_front();
+            ++forgotten;
+        }
+    }
+    return forgotten;
 }
 
 Router::Router(std::string runDir, KitConfig cfg, int toTranpQid, int fromTranpQid)
@@ -246,46 +265,64 @@ void Router::echo(const RouteCfg& r, const PlatHeader& h, const char* text, int 
 }
 
 void Router::relayRequest(const RouteCfg& r, const char* text, int len, std::vector<std::string>* trace) {
-    int inst = 0;
-    if (!pickInstance(r.relayTo, &inst)) {
-        trace->push_back("   no instance of route " + std::to_string(r.relayTo) + " waits (no FIFO 2_" +
-                         std::to_string(r.relayTo) + "_*); request dropped");
+    const std::string to = std::to_string(r.relayTo);
+    if (RouteInstances(runDir_, r.relayTo).empty()) {
+        trace->push_back("   no instance of route " + to + " waits (no FIFO 2_" + to + "_*); request dropped");
         return;
     }
-    Delivery d;
-    d.type = r.relayTo;
-    d.text.assign(text, text + len);
-    d.fifoKind = comp::kFifoRouteNotify;
-    d.fifoName = std::to_string(r.relayTo) + "_" + std::to_string(inst);
-    std::string why;
-    if (!Deliver(fromTranp_, d, &why)) {
-        trace->push_back("   relay to route " + std::to_string(r.relayTo) + " failed: " + why);
-        return;
+    book_.queue(r.relayTo, RelayBook::Entry{std::vector<char>(text, text + len), r.mode->form, NowMs()});
+    if (book_.inFlight(r.relayTo))
+        trace->push_back("   waits: route " + to + " answers one request at a time (" +
+                         std::to_string(book_.waiting(r.relayTo)) + " waiting)");
+    sendNextRelay(r.relayTo, trace);
+}
+
+void Router::sendNextRelay(int clientRoute, std::vector<std::string>* trace) {
+    const std::string to = std::to_string(clientRoute);
+    while (const RelayBook::Entry* e = book_.startNext(clientRoute, NowMs())) {
+        PlatHeader asker;
+        DecodeHeader(e->text.data(), static_cast<int>(e->text.size()), &asker);
+        Delivery d;
+        d.type = clientRoute;
+        d.text = e->text;
+        d.fifoKind = comp::kFifoRouteNotify;
+        int inst = 0;
+        std::string why = "no instance waits (no FIFO 2_" + to + "_*)";
+        if (pickInstance(clientRoute, &inst)) {
+            d.fifoName = to + "_" + std::to_string(inst);
+            if (Deliver(fromTranp_, d, &why)) {
+                trace->push_back("-> queue 8 type " + to + ", rang " + d.fifoText() + " (relay of route " +
+                                 std::to_string(asker.route) + " fd " + std::to_string(asker.sock) + ", " +
+                                 std::to_string(book_.waiting(clientRoute)) + " waiting)");
+                return;
+            }
+        }
+        trace->push_back("   relay to route " + to + " failed: " + why + "; request dropped");
+        RelayBook::Entry dropped;
+        book_.finish(clientRoute, &dropped);
     }
-    book_.push(r.relayTo, RelayBook::Entry{std::vector<char>(text, text + p::kHeaderLen), r.mode->form, NowMs()});
-    trace->push_back("-> queue 8 type " + std::to_string(d.type) + ", rang " + d.fifoText() + " (relay of route " +
-                     std::to_string(r.id) + ", " + std::to_string(book_.waiting(r.relayTo)) + " waiting)");
 }
 
 void Router::relayAnswer(const RouteCfg& from, int clientRoute, const char* text, int len,
                          std::vector<std::string>* trace) {
     RelayBook::Entry e;
-    if (!book_.pop(clientRoute, &e)) {
+    if (!book_.finish(clientRoute, &e)) {
         trace->push_back("   answer of route " + std::to_string(clientRoute) +
-                         " matches no waiting request; dropped");
+                         " matches no request in flight; dropped");
         return;
     }
     Delivery d;
-    if (!BuildAnswer(e.form, e.header.data(), text + p::kHeaderLen, len - p::kHeaderLen, &d.text)) {
+    if (BuildAnswer(e.form, e.text.data(), text + p::kHeaderLen, len - p::kHeaderLen, &d.text)) {
+        PlatHeader asker;
+        DecodeHeader(e.text.data(), p::kHeaderLen, &asker);
+        d.type = asker.pid;
+        d.fifoKind = comp::kFifoPidNotify;
+        d.fifoName = std::to_string(asker.pid);
+        send(d, "answer to route " + std::to_string(from.id) + " fd " + std::to_string(asker.sock), trace);
+    } else {
         trace->push_back("   answer too long; dropped");
-        return;
     }
-    PlatHeader asker;
-    DecodeHeader(e.header.data(), p::kHeaderLen, &asker);
-    d.type = asker.pid;
-    d.fifoKind = comp::kFifoPidNotify;
-    d.fifoName = std::to_string(asker.pid);
-    send(d, "answer to route " + std::to_string(from.id) + " fd " + std::to_string(asker.sock), trace);
+    sendNextRelay(clientRoute, trace);
 }
 
 bool Router::pickInstance(int route, int* instance) {
@@ -306,10 +343,21 @@ void Router::send(const Delivery& d, const std::string& what, std::vector<std::s
 }
 
 void Router::expire(int64_t nowMs, std::vector<std::string>* trace) {
-    int n = book_.expire(nowMs, static_cast<int64_t>(cfg_.relayTimeoutSec) * 1000);
-    if (n > 0)
-        trace->push_back("   forgot " + std::to_string(n) + " relayed request(s) older than " +
-                         std::to_string(cfg_.relayTimeoutSec) + " s");
+    const std::string limit = std::to_string(cfg_.relayTimeoutSec) + " s";
+    std::vector<std::pair<int, RelayBook::Entry>> givenUp;
+    const int forgotten = book_.expire(nowMs, static_cast<int64_t>(cfg_.relayTimeoutSec) * 1000, &givenUp);
+    for (const auto& [route, e] : givenUp) {
+        PlatHeader asker;
+        DecodeHeader(e.text.data(), static_cast<int>(e.text.size()), &asker);
+        trace->push_back("   route " + std::to_string(route) + " did not answer within " + limit +
+                         "; gave up the request of route " + std::to_string(asker.route) + " fd " +
+                         std::to_string(asker.sock));
+    }
+    if (forgotten > 0)
+        trace->push_back("   forgot " + std::to_string(forgotten) + " relayed request(s) that waited longer than " +
+                         limit + " to be sent");
+    for (const RouteCfg& r : cfg_.routes)
+        if (r.action == RouteCfg::Action::kRelay) sendNextRelay(r.relayTo, trace);
 }
 
 namespace {

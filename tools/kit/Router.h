@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -64,24 +65,37 @@ std::vector<int> RouteInstances(const std::string& runDir, int route);
 // cannot be read.
 int ReadQueue(int qid, long type, QueueMsg* buf, int timeoutMs);
 
-// Relayed requests that wait for their answer, oldest first per client route.
-// A client route's answer carries nothing that names the request it answers,
-// so answers are matched to requests in order.
+// Relayed requests, per client route. A client route's answer carries
+// nothing that names the request it answers (TC builds a fresh header), so
+// the router does not guess: one request at a time is in flight per client
+// route, and the next is sent when its answer has come or it was given up.
 class RelayBook {
 public:
     struct Entry {
-        std::vector<char> header;  // the request's 64-byte header
+        std::vector<char> text;    // the request as the asking route sent it (header and body)
         AnswerForm form;           // form of the route that asked
-        int64_t sinceMs;
+        int64_t sinceMs;           // when it came; once in flight, when it was sent
     };
-    void push(int clientRoute, Entry e) { waiting_[clientRoute].push_back(std::move(e)); }
-    bool pop(int clientRoute, Entry* out);
+    void queue(int clientRoute, Entry e) { routes_[clientRoute].waiting.push_back(std::move(e)); }
+    // Puts the oldest waiting request in flight (stamped nowMs) when none is;
+    // null when one is in flight already or none waits.
+    const Entry* startNext(int clientRoute, int64_t nowMs);
+    // Takes the request in flight: its answer came, or it could not be sent.
+    bool finish(int clientRoute, Entry* out);
+    bool inFlight(int clientRoute) const;
     size_t waiting(int clientRoute) const;
-    // Forgets requests older than maxAgeMs; returns how many.
-    int expire(int64_t nowMs, int64_t maxAgeMs);
+
+    // Gives up requests in flight for longer than maxAgeMs (into *givenUp,
+    // with their client route) and forgets waiting ones older than that;
+    // returns how many were forgotten.
+    int expire(int64_t nowMs, int64_t maxAgeMs, std::vector<std::pair<int, Entry>>* givenUp);
 
 private:
-    std::map<int, std::deque<Entry>> waiting_;
+    struct Route {
+        std::optional<Entry> flight;
+        std::deque<Entry> waiting;
+    };
+    std::map<int, Route> routes_;
 };
 
 class Router {
@@ -90,7 +104,8 @@ public:
 
     // Routes one message read from queue 7; appends trace lines.
     void handle(const char* text, int len, std::vector<std::string>* trace);
-    // Forgets relayed requests past the relay time-out; appends trace lines.
+    // Gives up relayed requests past the relay time-out and sends the next
+    // ones; appends trace lines.
     void expire(int64_t nowMs, std::vector<std::string>* trace);
     const RelayBook& book() const { return book_; }
 
@@ -99,6 +114,8 @@ private:
     void relayRequest(const RouteCfg& r, const char* text, int len, std::vector<std::string>* trace);
     void relayAnswer(const RouteCfg& from, int clientRoute, const char* text, int len,
                      std::vector<std::string>* trace);
+    // Sends the client route's next waiting request when none is in flight.
+    void sendNextRelay(int clientRoute, std::vector<std::string>* trace);
     // Picks the next instance of a route, round robin; false when none waits.
     bool pickInstance(int route, int* instance);
     void send(const Delivery& d, const std::string& what, std::vector<std::string>* trace);

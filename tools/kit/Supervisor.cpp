@@ -41,6 +41,9 @@ constexpr int kRouterGraceMs = 2000;
 
 std::atomic<bool> g_stop{false};
 extern "C" void OnStopSignal(int) { g_stop = true; }
+// SIGUSR1: the operator asks for the ended processes to be started again.
+std::atomic<bool> g_startEnded{false};
+extern "C" void OnStartEndedSignal(int) { g_startEnded = true; }
 
 struct Child {
     bool isRouter = false;
@@ -96,6 +99,7 @@ private:
     bool openListeners();
     void start(Child& c);
     void reap(bool stopping);
+    void startEnded();
     void readNotices();
     void serveListeners();
     void cleanAfter(const Child& c, pid_t pid);
@@ -211,6 +215,14 @@ void Supervisor::reap(bool stopping) {
         say("%s pid %d %s%s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str(),
             stopping ? "" : "; not restarted");
     }
+}
+
+// On the operator's request only: every process that has ended, once more.
+void Supervisor::startEnded() {
+    const auto ended = std::count_if(children_.begin(), children_.end(), [](const Child& c) { return c.pid < 0; });
+    say("asked to start the %d ended process%s again", static_cast<int>(ended), ended == 1 ? "" : "es");
+    for (Child& c : children_)
+        if (c.pid < 0) start(c);
 }
 
 void Supervisor::readNotices() {
@@ -356,6 +368,7 @@ int Supervisor::run() {
 
     while (!g_stop) {
         reap(false);
+        if (g_startEnded.exchange(false)) startEnded();
         readNotices();
         serveListeners();
     }
@@ -393,6 +406,9 @@ int RunSupervisor(const SupervisorOptions& optIn) {
     sa.sa_handler = OnStopSignal;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    g_startEnded = false;
+    sa.sa_handler = OnStartEndedSignal;
+    sigaction(SIGUSR1, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
     Supervisor sup(opt, std::move(cfg));
     return sup.run();

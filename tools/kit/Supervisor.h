@@ -4,7 +4,8 @@
 // routes: it opens each such route's listener, hands it to every instance of
 // the route as the fourth argument, and writes one "0" into an instance's
 // control FIFO per waiting client, taking the instances in turn. It restarts
-// nothing by itself: a process that ends is reported and stays ended. On
+// nothing by itself: a process that ends is reported and stays ended until
+// the operator sends SIGUSR1, which starts every ended process again. On
 // SIGINT or SIGTERM it asks every instance to quit ("x"), waits, and takes the
 // platform down.
 #pragma once

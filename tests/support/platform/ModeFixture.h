@@ -33,6 +33,7 @@ protected:
         for (RouteRow& r : more) setup.routes.push_back(r);
         for (const auto& [k, v] : vars) setup.vars[k] = v;
         for (const std::string& k : dropVars) setup.vars.erase(k);
+        setup.appVars = appVars;
         StartPlatform(setup);
         mode_ = mode;
         route_ = row["ROUTEID"];
@@ -120,6 +121,7 @@ protected:
     std::vector<std::string> compEnv;          // extra environment of comp (FastClock)
     std::map<std::string, std::string> vars;   // [LOADVARS] changes
     std::vector<std::string> dropVars;         // [LOADVARS] left out
+    std::map<std::string, std::string> appVars;   // further [APPVARS] of app.cfg
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 
 private:

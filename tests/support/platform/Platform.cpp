@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <cstdio>
 #include <filesystem>
+#include <random>
 #include <sstream>
 
 #include "base/SysGlobals.h"
@@ -67,7 +69,25 @@ std::string TablesCfgText(const PlatformSetup& setup) {
 }
 }  // namespace
 
+// Ports for listeners that a test binds later are taken below the kernel's
+// ephemeral range: the many connections of tests running in parallel take
+// their local ports from that range and would otherwise sometimes hold a
+// port between the moment it is found free and the moment it is bound.
 int FreeLoopbackPort() {
+    int low = 32768;
+    if (FILE* f = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r")) {
+        if (std::fscanf(f, "%d", &low) != 1) low = 32768;
+        std::fclose(f);
+    }
+    constexpr int kFirst = 10000;
+    if (low - kFirst >= 1000) {
+        static std::mt19937 pick(static_cast<unsigned>(getpid()) * 7919u + static_cast<unsigned>(time(nullptr)));
+        std::uniform_int_distribution<int> in(kFirst, low - 1);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            int port = in(pick);
+            if (Listen(&port).valid()) return port;
+        }
+    }
     int port = 0;
     Listen(&port);
     return port;
@@ -190,7 +210,9 @@ std::string PlatformTest::SysCfgText(int tableSegmentBytes) const {
 
 void PlatformTest::StartPlatform(const PlatformSetup& setup) {
     run.write("etc/sys.cfg", SysCfgText());
-    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n" + AppVars() + "[]\n");
+    std::string app = "[APPVARS]\nLOG_LEVEL 1\n" + AppVars();
+    for (const auto& [name, value] : setup.appVars) app += name + " " + value + "\n";
+    run.write("etc/app.cfg", app + "[]\n");
     run.write("etc/tables.cfg", TablesCfgText(setup));
     std::vector<std::string> notes;
     std::string why;
@@ -204,11 +226,11 @@ int PlatformTest::QueueId(int index) const {
 }
 
 std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
-    // A sanitized comp insists on its runtime coming first, which a preload
-    // breaks; the check alone is turned off.
+    // Under AddressSanitizer the preloaded library comes before its runtime,
+    // which it accepts when told so.
     const char* asan = getenv("ASAN_OPTIONS");
     return {"LD_PRELOAD=" + lib,
-            std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+            std::string("ASAN_OPTIONS=") + (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0"};
 }
 
 std::vector<std::string> PlatformTest::FastClock(int speed) {
@@ -228,7 +250,8 @@ size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::
                                int inheritFd) {
     CompProc p;
     p.procName = args.size() >= 5 ? args[4] : "";
-    p.outputPath = run.file("log/comp_" + std::to_string(comps_.size()) + ".out");
+    // Beside log/, not in it: a test may start comp before log/ exists.
+    p.outputPath = run.file("comp_" + std::to_string(comps_.size()) + ".out");
     kit::SpawnOptions plan;
     plan.path = CompBinary();
     plan.argv.push_back(plan.path);
@@ -287,8 +310,11 @@ void PlatformTest::CheckLogsClean() {
 
 std::string PlatformTest::AllLogs() const {
     std::string all;
-    for (const auto& e : std::filesystem::directory_iterator(run.file("log")))
-        all += "==> " + e.path().filename().string() + "\n" + ReadFile(e.path().string());
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"), ec)) files.push_back(e.path());
+    for (size_t i = 0; i < comps_.size(); ++i) files.emplace_back(comps_[i].outputPath);
+    for (const auto& f : files) all += "==> " + f.filename().string() + "\n" + ReadFile(f.string());
     return all;
 }
 

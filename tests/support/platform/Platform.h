@@ -41,6 +41,7 @@ struct PlatformSetup {
     std::vector<RouteRow> routes;
     std::map<std::string, std::string> vars{
         {"MAX_COM_NUM", "1024"}, {"LIVEMSGTYPE", "0602"}, {"OFFLINEMODE", "0"}, {"KERNEL_BACKLOG", "128"}};
+    std::map<std::string, std::string> appVars;   // further [APPVARS] of app.cfg
 };
 
 // A comp process started by the fixture.
@@ -85,7 +86,7 @@ protected:
     std::string CompOutput(size_t i) const;
     // Today's trace log of comp i: $RUNDIR/log/com_<procname>_<pid>_<YYYYMMDD>.log.
     std::string CompTraceLog(size_t i) const;
-    // Everything under $RUNDIR/log (error logs included).
+    // Everything under $RUNDIR/log (error logs included) and comp's output.
     std::string AllLogs() const;
     // A line with "fatal" (or in fatalerr.log) that holds `text` is expected;
     // any other fails the test at its end.
