@@ -66,53 +66,66 @@ std::string SysCfgText(key_t base) {
     return s.str();
 }
 
-// A route row; upperPort 0 leaves IPPORTUPPER empty. An idle time-out of 0
-// keeps a forwarder's silent link (the bench measures one side at a time).
+// A route row; upperPort 0 leaves IPPORTUPPER empty.
 std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0,
-                      int reconn = 5, const char* beatSwitch = "-") {
+                      const char* beatSwitch = "-", int reconn = 5) {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d %s 127.0.0.1:%d %s\n", route, name,
-                  sndType, idle, reconn, beatSwitch, port,
-                  upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-");
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d 127.0.0.1:%d %s %s\n", route, name,
+                  sndType, idle, reconn, port,
+                  upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-", beatSwitch);
     return line;
 }
 
-std::string TablesCfgText(const BenchRoutes& r) {
-    std::string s =
-        "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM 1024\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
-        "[PLAT_STATICROUTEINF]\n"
-        "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
-        "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
-        "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL BEATSWITCH IPPORT IPPORTUPPER\n";
+// A station link route: the 39-byte header's 32-bit length at offset 1 in
+// host order counts the whole frame; no beats, a long idle time-out.
+std::string StationRouteLine(int route, const char* name, int port) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%d 1 %s 1 3600 39 4 1 1 1 -39 4 4 1 4 0 M 60 5 127.0.0.1:%d 0\n", route, name,
+                  port);
+    return line;
+}
+
+std::string TablesCfgText(const BenchRoutes& r, const BenchExtras& x) {
+    std::string s = "[VARSTABLE]\nVARSNAME VARSVALUE\nMAX_COM_NUM " + std::to_string(x.maxComNum) +
+                    "\nLIVEMSGTYPE 0602\nOFFLINEMODE 0\nKERNEL_BACKLOG 128\n"
+                    "[PLAT_STATICROUTEINF]\n"
+                    "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET "
+                    "MSGLENGETTYPE MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE "
+                    "MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT IPPORTUPPER BEATSWITCH\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
-    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 0, r.fwsPort);
+    s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 3600, r.fwsPort);
     s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
     s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
-    // Persistent clients: no heartbeats of their own, an idle time-out past
-    // any pause between runs.
-    constexpr int kPcIdle = 3600;
-    s += RouteLine(r.pcRoute, "bench-pc", "1", r.pcServerPort, kPcIdle, 0, r.pcReconnInterval, "0");
-    s += RouteLine(r.pcBaseRoute, "bench-pcbase", "1", r.pcServerPort, kPcIdle, 0, r.pcReconnInterval, "0");
+    for (const BenchExtras::Route& e : x.routes)
+        s += RouteLine(e.id, e.name.c_str(), e.sndType.c_str(), e.port, e.idleTimeout, 0, "0", e.reconnInterval);
+    s += "[PLAT_STATICROUTEINF]\n"
+         "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
+         "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
+         "ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT BEATSWITCH\n";
+    s += StationRouteLine(r.stationRoute, "bench-station", r.stationPeerPort);
+    s += StationRouteLine(r.baseStationRoute, "bench-stbase", r.baseStationPeerPort);
     return s;
 }
 
-std::string KitCfgText(const BenchRoutes& r) {
+std::string KitCfgText(const BenchRoutes& r, const BenchExtras& x) {
     // The router only answers; the listeners named for the FWS-form routes
     // are the bench's own.
     auto fws = [](int route, int port) {
         return "route " + std::to_string(route) + " SysTCPFWS echo listen 127.0.0.1:" + std::to_string(port) + "\n";
     };
-    return "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.baseRoute) +
-           " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) +
-           fws(r.pairRoute, r.pairUpperPort);
+    std::string s = "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " +
+                    std::to_string(r.baseRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) +
+                    " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
+    for (const BenchExtras::Route& e : x.routes) s += e.kitLine + "\n";
+    return s;
 }
 
-std::string AppCfgText(int logLevel, bool deadline) {
+std::string AppCfgText(int logLevel, const BenchExtras& x, const std::string& moreVars = "") {
     return "[APPVARS]\nLOG_LEVEL " + std::to_string(logLevel) + "\nTRC_LOGSIZE_SET " +
            std::to_string(kTraceSizeKiB) + "\nSTATION_ID 0001\nFTPSERVER 127.0.0.1\nFTPUSER bench\nFTPPWD bench\n" +
-           (deadline ? "COMP_WAIT DEADLINE\n" : "") + "[]\n";
+           x.appVars + moreVars + "[]\n";
 }
 
 }  // namespace
@@ -142,9 +155,9 @@ BenchPlatform::~BenchPlatform() { Destroy(); }
 
 bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
-           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_), why) &&
-           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, false), why);
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_), why);
 }
 
 bool BenchPlatform::Create(int logLevel, std::string* why) {
@@ -167,9 +180,10 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
 
     std::set<int> ports;
     for (int* p : {&routes_.tsPort, &routes_.basePort, &routes_.tcServerPort, &routes_.fwbPort, &routes_.fwsPort,
-                   &routes_.pairFrontPort, &routes_.pairUpperPort, &routes_.pcServerPort})
+                   &routes_.pairFrontPort, &routes_.pairUpperPort, &routes_.stationPeerPort,
+                   &routes_.baseStationPeerPort})
         ports.insert(*p = FreeLoopbackPort());
-    if (*ports.begin() <= 0 || ports.size() != 8) {
+    if (*ports.begin() <= 0 || ports.size() != 9) {
         *why = "no free loopback ports";
         Destroy();
         return false;
@@ -213,7 +227,12 @@ void BenchPlatform::Destroy() {
 }
 
 bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
-    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, deadline), why);
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_, deadline ? "COMP_WAIT DEADLINE\n" : ""),
+                         why);
+}
+
+bool BenchPlatform::SetAppCfg(int logLevel, const std::string& moreVars, std::string* why) {
+    return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_, moreVars), why);
 }
 
 void BenchPlatform::TrimLogs() const {

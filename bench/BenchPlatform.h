@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -26,13 +27,30 @@ struct BenchRoutes {
     int pairRoute = 62;   // the upper half of the baseline relay pair
     int fwbPort = 0, fwsPort = 0;
     int pairFrontPort = 0, pairUpperPort = 0;
+    // Station links (bench_station): comp SysTCPVANTREL and the baseline
+    // station relay, each the client of its own station peer.
+    int stationRoute = 70;
+    int baseStationRoute = 71;
+    int stationPeerPort = 0;
+    int baseStationPeerPort = 0;
+};
 
-    // The persistent-client benchmark: comp SysTCPPC and the PC baseline
-    // relay, both clients of the bench's echo server.
-    int pcRoute = 30;         // comp SysTCPPC
-    int pcBaseRoute = 31;     // the PC baseline relay
-    int pcServerPort = 0;     // the echo server both connect to
-    int pcReconnInterval = 2; // RECONNINTERVAL of both
+// What one benchmark adds to the platform before Create(): routes of its own
+// (server routes unless said otherwise, heartbeats off, the same framing), a
+// larger socket table, and application variables.
+struct BenchExtras {
+    struct Route {
+        int id = 0;
+        std::string name;
+        int port = 0;            // the route's IPPORT on 127.0.0.1
+        int idleTimeout = 30;
+        std::string kitLine;     // its compkit.cfg line ("route ID MODE echo ...")
+        std::string sndType = "0";   // MSGSNDTYPE: "1" for a client route
+        int reconnInterval = 5;      // RECONNINTERVAL
+    };
+    std::vector<Route> routes;
+    int maxComNum = 1024;        // MAX_COM_NUM
+    std::string appVars;         // more [APPVARS] lines, e.g. "COMP_WAIT DEADLINE\n"
 };
 
 class BenchPlatform {
@@ -46,6 +64,10 @@ public:
     // creates the IPC objects. RUNDIR and HOME point at the directory while
     // the platform lives. False with the reason; what was made is removed.
     bool Create(int logLevel, std::string* why);
+    // Takes effect with the next Create() (routes, table size) or
+    // SetLogLevel() (application variables).
+    void SetExtras(BenchExtras extras) { extras_ = std::move(extras); }
+    BenchExtras& extras() { return extras_; }
     // Removes the IPC objects, the FIFOs and the directory (idempotent).
     void Destroy();
     // Destroy() leaves the directory (configuration and logs) in place.
@@ -54,6 +76,8 @@ public:
     // Rewrites app.cfg; a comp started afterwards reads the new level (and
     // with deadline set, waits in the deadline style).
     bool SetLogLevel(int logLevel, std::string* why, bool deadline = false);
+    // The same with further [APPVARS] lines (each ended by a newline).
+    bool SetAppCfg(int logLevel, const std::string& moreVars, std::string* why);
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;
@@ -67,6 +91,7 @@ private:
 
     std::string runDir_;
     BenchRoutes routes_;
+    BenchExtras extras_;
     key_t keyBase_ = 0;
     bool up_ = false;
     bool keepDir_ = false;

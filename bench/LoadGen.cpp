@@ -26,30 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kPauseAfterFailureMs = 1;
 constexpr size_t kLatencyReserve = 1 << 17;
 
-struct alignas(64) ClientTally {
-    uint64_t exchanges = 0;
-    uint64_t failures = 0;
-    std::vector<uint32_t> latencyUs;
-    std::string firstError;
-    Clock::time_point lastEnd{};
-};
-
 std::string Failure(const char* step) { return std::string(step) + ": " + std::strerror(errno); }
-
-// Reads exactly n bytes; false on close, error or time-out.
-bool RecvExact(int fd, char* out, size_t n) {
-    size_t got = 0;
-    while (got < n) {
-        ssize_t r = recv(fd, out + got, n - got, 0);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) {
-            if (r == 0) errno = ECONNRESET;
-            return false;
-        }
-        got += static_cast<size_t>(r);
-    }
-    return true;
-}
 
 // Reads one whole answer and checks that it is the request itself.
 bool ReadAnswer(const LoadOptions& opt, int fd, std::vector<char>& answer, std::string* error) {
@@ -135,20 +112,6 @@ void ClientLoop(const LoadOptions& opt, const sockaddr_in& addr, Clock::time_poi
     }
 }
 
-// The clients' tallies as one result, timed from start to the last exchange.
-LoadResult Sum(const std::vector<ClientTally>& tallies, Clock::time_point start) {
-    LoadResult out;
-    Clock::time_point end = start;
-    for (const ClientTally& t : tallies) {
-        out.exchanges += t.exchanges;
-        out.failures += t.failures;
-        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
-        if (out.firstError.empty()) out.firstError = t.firstError;
-        end = std::max(end, t.lastEnd);
-    }
-    out.seconds = std::chrono::duration<double>(end - start).count();
-    return out;
-}
 
 }  // namespace
 
@@ -168,8 +131,21 @@ LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop) {
         threads.emplace_back(ClientLoop, std::cref(opt), std::cref(addr), deadline, stop, &t);
     }
     for (std::thread& t : threads) t.join();
+    return MergeTallies(tallies, start);
+}
 
-    return Sum(tallies, start);
+LoadResult MergeTallies(const std::vector<ClientTally>& tallies, Clock::time_point start) {
+    LoadResult out;
+    Clock::time_point end = start;
+    for (const ClientTally& t : tallies) {
+        out.exchanges += t.exchanges;
+        out.failures += t.failures;
+        out.latencyUs.insert(out.latencyUs.end(), t.latencyUs.begin(), t.latencyUs.end());
+        if (out.firstError.empty()) out.firstError = t.firstError;
+        end = std::max(end, t.lastEnd);
+    }
+    out.seconds = std::chrono::duration<double>(end - start).count();
+    return out;
 }
 
 namespace {
@@ -252,7 +228,21 @@ LoadResult RunPersistentLoad(const LoadOptions& opt, const volatile sig_atomic_t
     go.store(true, std::memory_order_release);
     for (std::thread& t : threads) t.join();
 
-    return Sum(tallies, start);
+    return MergeTallies(tallies, start);
+}
+
+bool RecvExact(int fd, char* out, size_t n) {
+    size_t got = 0;
+    while (got < n) {
+        ssize_t r = recv(fd, out + got, n - got, 0);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) {
+            if (r == 0) errno = ECONNRESET;
+            return false;
+        }
+        got += static_cast<size_t>(r);
+    }
+    return true;
 }
 
 std::string FrameRequest(std::string_view body, int headerLen) {

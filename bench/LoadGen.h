@@ -3,6 +3,7 @@
 // fixed time, recording the latency of every exchange.
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <functional>
@@ -30,6 +31,21 @@ struct LoadResult {
 
     double rate() const { return seconds > 0 ? static_cast<double>(exchanges) / seconds : 0; }
 };
+
+// What one client thread counted.
+struct alignas(64) ClientTally {
+    uint64_t exchanges = 0;
+    uint64_t failures = 0;
+    std::vector<uint32_t> latencyUs;
+    std::string firstError;
+    std::chrono::steady_clock::time_point lastEnd{};
+};
+// The clients' counts added up; the time runs from start to the end of the
+// last exchange.
+LoadResult MergeTallies(const std::vector<ClientTally>& tallies, std::chrono::steady_clock::time_point start);
+
+// Reads exactly n bytes; false on close (errno ECONNRESET), error or time-out.
+bool RecvExact(int fd, char* out, size_t n);
 
 // Runs the clients; a set *stop ends the run early.
 LoadResult RunLoad(const LoadOptions& opt, const volatile sig_atomic_t* stop);

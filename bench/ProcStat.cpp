@@ -49,18 +49,24 @@ std::optional<double> ProcessCpuMicros(pid_t pid) {
     return static_cast<double>(*ticks) * 1e6 / static_cast<double>(hz > 0 ? hz : 100);
 }
 
+namespace {
+// The decimal number after `name` and blanks, at the start of a line.
+std::optional<uint64_t> NumberAfter(std::string_view text, std::string_view name) {
+    size_t at = text.find(name);
+    while (at != std::string_view::npos && at != 0 && text[at - 1] != '\n' && text[at - 1] != ' ')
+        at = text.find(name, at + 1);
+    if (at == std::string_view::npos) return std::nullopt;
+    size_t i = at + name.size();
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+    uint64_t v = 0;
+    auto [p, ec] = std::from_chars(text.data() + i, text.data() + text.size(), v);
+    if (ec != std::errc() || p == text.data() + i) return std::nullopt;
+    return v;
+}
+}  // namespace
+
 std::optional<CtxSwitches> ParseCtxSwitches(std::string_view text) {
-    auto field = [&](std::string_view name) -> std::optional<uint64_t> {
-        size_t at = text.find(name);
-        if (at == std::string_view::npos) return std::nullopt;
-        size_t i = at + name.size();
-        while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
-        uint64_t v = 0;
-        auto [p, ec] = std::from_chars(text.data() + i, text.data() + text.size(), v);
-        if (ec != std::errc() || p == text.data() + i) return std::nullopt;
-        return v;
-    };
-    auto vol = field("\nvoluntary_ctxt_switches:"), invol = field("\nnonvoluntary_ctxt_switches:");
+    auto vol = NumberAfter(text, "voluntary_ctxt_switches:"), invol = NumberAfter(text, "nonvoluntary_ctxt_switches:");
     if (!vol || !invol) return std::nullopt;
     return CtxSwitches{*vol, *invol};
 }
@@ -69,6 +75,39 @@ std::optional<CtxSwitches> ProcessCtxSwitches(pid_t pid) {
     auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/status");
     if (!text) return std::nullopt;
     return ParseCtxSwitches(*text);
+}
+
+std::optional<uint64_t> ParseStatusKiB(std::string_view text, std::string_view name) { return NumberAfter(text, name); }
+
+std::optional<uint64_t> ProcessRssKiB(pid_t pid) {
+    auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/status");
+    if (!text) return std::nullopt;
+    return ParseStatusKiB(*text, "VmRSS:");
+}
+
+std::optional<uint64_t> KernelSlabKiB() {
+    auto text = kit::ReadWholeFile("/proc/meminfo");
+    if (!text) return std::nullopt;
+    return ParseStatusKiB(*text, "Slab:");
+}
+
+std::optional<SchedTimes> ParseSchedStat(std::string_view text) {
+    SchedTimes t;
+    const char* p = text.data();
+    const char* end = text.data() + text.size();
+    for (uint64_t* field : {&t.runNs, &t.waitNs}) {
+        while (p < end && *p == ' ') ++p;
+        auto [next, ec] = std::from_chars(p, end, *field);
+        if (ec != std::errc() || next == p) return std::nullopt;
+        p = next;
+    }
+    return t;
+}
+
+std::optional<SchedTimes> ProcessSchedTimes(pid_t pid) {
+    auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/schedstat");
+    if (!text) return std::nullopt;
+    return ParseSchedStat(*text);
 }
 
 void CpuMeter::start() {

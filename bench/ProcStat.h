@@ -27,6 +27,24 @@ std::optional<CtxSwitches> ProcessCtxSwitches(pid_t pid);
 // The two counters in the text of /proc/<pid>/status.
 std::optional<CtxSwitches> ParseCtxSwitches(std::string_view statusText);
 
+// Resident memory of a process in KiB (VmRSS of /proc/<pid>/status);
+// nullopt when it is gone.
+std::optional<uint64_t> ProcessRssKiB(pid_t pid);
+// A "Name:  <n> kB" field of /proc/<pid>/status text.
+std::optional<uint64_t> ParseStatusKiB(std::string_view statusText, std::string_view name);
+// Kernel slab memory in KiB (Slab of /proc/meminfo): where the kernel keeps
+// its socket, file and epoll structures.
+std::optional<uint64_t> KernelSlabKiB();
+
+// Time a process spent running and waiting to run (on a run queue), in
+// nanoseconds, from /proc/<pid>/schedstat. Together they tell how much CPU
+// it wanted, whatever else competed for the cores.
+struct SchedTimes {
+    uint64_t runNs = 0, waitNs = 0;
+};
+std::optional<SchedTimes> ParseSchedStat(std::string_view text);
+std::optional<SchedTimes> ProcessSchedTimes(pid_t pid);
+
 // CPU of one process over a stretch of time.
 class CpuMeter {
 public:

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -254,6 +255,11 @@ void BaselineRelay::Answer() {
         }
         body += s;
         left -= static_cast<size_t>(s);
+    }
+    if (opt_.persistent && left == 0) {
+        conns_[fd].waiting = false;
+        reading_.push_back(fd);
+        return;
     }
     Close(fd);
 }
@@ -814,6 +820,22 @@ int RunPairUpperRole(const PairOptions& opt) { return RunQueueRole<PairUpper>("p
 
 int RunPcBaselineRole(const PcBaselineOptions& opt) {
     return RunQueueRole<PcBaselineRelay>("pcbaseline", opt.runDir, opt);
+}
+
+int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline) {
+    if (argc < 2 || std::strcmp(argv[1], "--role") != 0) return -1;
+    const std::string role = argc >= 3 ? argv[2] : "";
+    if (role == "router" && argc == 4) return RunRouterRole(argv[3]);
+    if (role == "baseline" && argc == 6) {
+        BaselineOptions b;
+        b.runDir = argv[3];
+        b.route = std::atoi(argv[4]);
+        b.port = std::atoi(argv[5]);
+        b.persistent = persistentBaseline;
+        return RunBaselineRole(b);
+    }
+    std::fprintf(stderr, "usage: %s --role router RUNDIR | --role baseline RUNDIR ROUTE PORT\n", argv[0]);
+    return 2;
 }
 
 }  // namespace bench

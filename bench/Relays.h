@@ -7,7 +7,8 @@
 //   baseline  a minimal relay doing only the system calls that one
 //             short-connection exchange needs: accept, receive the framed
 //             request, queue it for the router, wait for the doorbell, read
-//             the answer from the queue, send it, close.
+//             the answer from the queue, send it, close (or, persistent,
+//             wait for the connection's next request).
 //
 // Both run until SIGTERM or SIGINT and return the process's exit status.
 #pragma once
@@ -23,6 +24,7 @@ struct BaselineOptions {
     int route = 0;        // route id written into the PlatMsg header
     int port = 0;         // loopback listen port
     int headerLen = 4;    // framing: a header of decimal digits giving the body length
+    bool persistent = false;   // keep each connection for its next request instead of closing it
 };
 int RunBaselineRole(const BaselineOptions& opt);
 
@@ -46,6 +48,12 @@ struct PairOptions {
 };
 int RunPairFrontRole(const PairOptions& opt);
 int RunPairUpperRole(const PairOptions& opt);
+// The helper processes a benchmark starts from its own executable:
+//   PROG --role router RUNDIR
+//   PROG --role baseline RUNDIR ROUTE PORT
+// The exit status of the role named in argv, 2 (after a usage line) for a
+// role with the wrong arguments, -1 when argv names no role.
+int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline);
 
 // Body length announced by a header of decimal digits ("0012" -> 12); -1
 // when the header holds anything but digits.

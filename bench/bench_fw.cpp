@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
-#include "BenchProc.h"
+#include "BenchProcs.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -77,6 +77,18 @@ void Usage() {
                  "                [--styles fixed,deadline] [--level L] [--body BYTES] [--keep]\n");
 }
 
+std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> out;
+    size_t pos = 0;
+    while (pos <= text.size()) {
+        size_t comma = text.find(',', pos);
+        out.push_back(text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
+        if (comma == std::string::npos) break;
+        pos = comma + 1;
+    }
+    return out;
+}
+
 bool ParseOptions(int argc, char** argv, Options* o) {
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -103,13 +115,13 @@ bool ParseOptions(int argc, char** argv, Options* o) {
             o->bodyBytes = static_cast<int>(*d);
         } else if (a == "--clients" && more) {
             o->clients.clear();
-            for (const std::string& w : bench::CommaWords(argv[++i])) {
+            for (const std::string& w : Words(argv[++i])) {
                 auto v = kit::ParseLong(w);
                 if (!v || *v < 1 || *v > 1000) return false;
                 o->clients.push_back(static_cast<int>(*v));
             }
         } else if (a == "--styles" && more) {
-            o->styles = bench::CommaWords(argv[++i]);
+            o->styles = Words(argv[++i]);
             for (const std::string& s : o->styles)
                 if (s != "fixed" && s != "deadline") return false;
         } else if (a == "--keep") {
@@ -511,7 +523,7 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (!bench::FindComp("bench_fw", &opt.compPath)) return 1;
-    bench::OnStopSignals(OnBenchStop);
+    if (!bench::ResolveCompPath("bench_fw", &opt.compPath)) return 1;
+    bench::InstallStopHandler(OnBenchStop);
     return RunBench(opt);
 }

@@ -40,7 +40,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
-#include "BenchProc.h"
+#include "BenchProcs.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -62,6 +62,10 @@ extern "C" void OnBenchStop(int) { g_stop = 1; }
 extern "C" void OnWake(int) {}
 
 constexpr int kHeaderLen = 4;
+constexpr int kPcRoute = 30;              // comp SysTCPPC
+constexpr int kBaseRoute = 31;            // the PC baseline relay
+constexpr int kReconnInterval = 2;        // RECONNINTERVAL of both
+constexpr int kLinkIdle = 3600;           // no idle time-out between runs
 constexpr int kStallMs = 3000;            // no answer this long: the run failed
 constexpr int kReconnectGapMs = 300;      // the server stays away this long
 constexpr double kTargetThroughput = 0.9;
@@ -87,48 +91,26 @@ void Usage() {
 }
 
 bool ParseOptions(int argc, char** argv, Options* o) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
-        auto number = [&](double lo, double hi) -> std::optional<double> {
-            if (v == nullptr) return std::nullopt;
-            char* end = nullptr;
-            double d = std::strtod(v, &end);
-            ++i;
-            if (end == v || *end != '\0' || d < lo || d > hi) return std::nullopt;
-            return d;
-        };
+    for (bench::OptionReader r(argc, argv); r.Next();) {
         std::optional<double> d;
-        if (a == "--keep") {
-            o->keep = true;
-        } else if (a == "--comp" && v != nullptr) {
-            o->compPath = argv[++i];
-        } else if (a == "--styles" && v != nullptr) {
-            o->styles = bench::CommaWords(argv[++i]);
-            for (const std::string& s : o->styles)
-                if (s != "fixed" && s != "deadline") return false;
-        } else if (a == "--inflight" && v != nullptr) {
-            o->inflight.clear();
-            for (const std::string& w : bench::CommaWords(argv[++i])) {
-                auto n = kit::ParseLong(w);
-                if (!n || *n < 1 || *n > 256) return false;
-                o->inflight.push_back(static_cast<int>(*n));
-            }
-        } else if (a == "--seconds" && (d = number(0.1, 600))) {
-            o->seconds = *d;
-        } else if (a == "--rounds" && (d = number(1, 100))) {
-            o->rounds = static_cast<int>(*d);
-        } else if (a == "--warmup" && (d = number(0, 60))) {
-            o->warmup = *d;
-        } else if (a == "--level" && (d = number(1, 4))) {
-            o->level = static_cast<int>(*d);
-        } else if (a == "--body" && (d = number(12, 9000))) {
-            o->bodyBytes = static_cast<int>(*d);
-        } else if (a == "--reconnects" && (d = number(0, 100))) {
-            o->reconnects = static_cast<int>(*d);
-        } else {
-            return false;
+        std::optional<std::string> s;
+        std::optional<std::vector<int>> list;
+        if (r.Is("--comp") && (s = r.Value())) o->compPath = *s;
+        else if (r.Is("--styles") && (s = r.Value())) {
+            o->styles.clear();
+            for (const char* w : {"fixed", "deadline"})
+                if (s->find(w) != std::string::npos) o->styles.push_back(w);
+            if (o->styles.empty()) return false;
         }
+        else if (r.Is("--seconds") && (d = r.Number(0.1, 600))) o->seconds = *d;
+        else if (r.Is("--rounds") && (d = r.Number(1, 100))) o->rounds = static_cast<int>(*d);
+        else if (r.Is("--warmup") && (d = r.Number(0, 60))) o->warmup = *d;
+        else if (r.Is("--inflight") && (list = r.List())) o->inflight = *list;
+        else if (r.Is("--level") && (d = r.Number(1, 4))) o->level = static_cast<int>(*d);
+        else if (r.Is("--body") && (d = r.Number(12, 9000))) o->bodyBytes = static_cast<int>(*d);
+        else if (r.Is("--reconnects") && (d = r.Number(0, 100))) o->reconnects = static_cast<int>(*d);
+        else if (r.Is("--keep")) o->keep = true;
+        else return false;
     }
     return true;
 }
@@ -536,22 +518,21 @@ bool OpenBell(const std::string& runDir, int route, kit::UniqueFd* bell, std::st
 // One wait style: comp and the baseline started afresh, the rounds, then the
 // reconnects (comp alone).
 bool RunStyle(const Options& opt, bench::BenchPlatform& platform, Router& router, EchoServer& server,
-              const std::string& style, StyleResult* out) {
+              int serverPort, const std::string& style, StyleResult* out) {
     const std::string runDir = platform.runDir();
-    const bench::BenchRoutes& routes = platform.routes();
     std::string why;
     if (!platform.SetLogLevel(opt.level, &why, style == "deadline")) {
         std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
         return false;
     }
     Children kids;
-    const std::string self = kit::SelfExe(), pcRoute = std::to_string(routes.pcRoute);
+    const std::string self = kit::SelfExe(), pcRoute = std::to_string(kPcRoute);
     const std::string baseOut = runDir + "/log/pcbaseline_" + style + ".out";
     const pid_t base = kids.Start("baseline",
-                                  {self, "--role", "pcbaseline", runDir, std::to_string(routes.pcBaseRoute),
-                                   std::to_string(routes.pcServerPort)},
+                                  {self, "--role", "pcbaseline", runDir, std::to_string(kBaseRoute),
+                                   std::to_string(serverPort)},
                                   baseOut, &why);
-    if (base <= 0 || !bench::WaitReady(kids, base, FifoPath(runDir, "2_" + std::to_string(routes.pcBaseRoute) + "_1"),
+    if (base <= 0 || !bench::WaitReady(kids, base, FifoPath(runDir, "2_" + std::to_string(kBaseRoute) + "_1"),
                                        &g_stop, &why)) {
         std::fprintf(stderr, "bench_pc: baseline relay: %s\n%s", why.c_str(), Tail(baseOut).c_str());
         return false;
@@ -568,7 +549,7 @@ bool RunStyle(const Options& opt, bench::BenchPlatform& platform, Router& router
         std::fprintf(stderr, "bench_pc: comp did not connect to the echo server\n");
         return false;
     }
-    Relay a{"comp", comp, routes.pcRoute, {}}, b{"baseline", base, routes.pcBaseRoute, {}};
+    Relay a{"comp", comp, kPcRoute, {}}, b{"baseline", base, kBaseRoute, {}};
     if (!OpenBell(runDir, a.route, &a.bell, &why) || !OpenBell(runDir, b.route, &b.bell, &why)) {
         std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
         return false;
@@ -618,13 +599,22 @@ int RunBench(const Options& opt) {
     if (!limits.empty()) return 1;
     bench::BenchPlatform platform;
     std::string why;
-    if (!platform.Create(opt.level, &why)) {
+    // Both relays are clients of the bench's echo server: client routes with
+    // heartbeats off and no idle time-out between runs.
+    const int serverPort = bench::FreeLoopbackPort();
+    bench::BenchExtras extras;
+    extras.routes.push_back(
+        {kPcRoute, "bench-pc", serverPort, kLinkIdle, "route 30 SysTCPPC", "1", kReconnInterval});
+    extras.routes.push_back(
+        {kBaseRoute, "bench-pcbase", serverPort, kLinkIdle, "route 31 SysTCPPC", "1", kReconnInterval});
+    platform.SetExtras(extras);
+    if (serverPort <= 0 || !platform.Create(opt.level, &why)) {
         std::fprintf(stderr, "bench_pc: platform: %s\n", why.c_str());
         return 1;
     }
     if (opt.keep) platform.KeepDirectory();
     int toRouter = -1, fromRouter = -1;
-    EchoServer server(platform.routes().pcServerPort);
+    EchoServer server(serverPort);
     if (!bench::PlatformQueues(platform.runDir(), &toRouter, &fromRouter, &why) || !server.Listen(&why)) {
         std::fprintf(stderr, "bench_pc: %s\n", why.c_str());
         return 1;
@@ -633,9 +623,8 @@ int RunBench(const Options& opt) {
     std::printf("bench_pc: comp %s\n  platform %s (keys 0x%08x..), PC route %d and baseline route %d, echo server on "
                 "127.0.0.1:%d\n  messages of %d bytes (%d-byte header, then the body), %d rounds x %.1f s after %.1f "
                 "s warm-up, the other relay frozen\n",
-                opt.compPath.c_str(), platform.runDir().c_str(), static_cast<unsigned>(platform.keyBase()),
-                platform.routes().pcRoute, platform.routes().pcBaseRoute, platform.routes().pcServerPort,
-                kHeaderLen + opt.bodyBytes, kHeaderLen, opt.rounds, opt.seconds, opt.warmup);
+                opt.compPath.c_str(), platform.runDir().c_str(), static_cast<unsigned>(platform.keyBase()), kPcRoute,
+                kBaseRoute, serverPort, kHeaderLen + opt.bodyBytes, kHeaderLen, opt.rounds, opt.seconds, opt.warmup);
     std::vector<StyleResult> results;
     int status = 0;
     {
@@ -643,7 +632,7 @@ int RunBench(const Options& opt) {
         for (const std::string& style : opt.styles) {
             if (g_stop) break;
             StyleResult r;
-            if (!RunStyle(opt, platform, router, server, style, &r)) status = 1;
+            if (!RunStyle(opt, platform, router, server, serverPort, style, &r)) status = 1;
             results.push_back(std::move(r));
         }
     }
@@ -652,7 +641,7 @@ int RunBench(const Options& opt) {
         std::printf("bench_pc: interrupted; partial results\n");
         status = 130;
     }
-    PrintTable(opt, results, platform.routes().pcReconnInterval);
+    PrintTable(opt, results, kReconnInterval);
     std::printf("\nbench_pc: %.0f s in all\n", static_cast<double>(kit::NowMs() - started) / 1000.0);
     if (opt.keep) std::printf("bench_pc: logs kept in %s\n", platform.runDir().c_str());
     return status;
@@ -678,8 +667,8 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    if (!bench::FindComp("bench_pc", &opt.compPath)) return 1;
-    bench::OnStopSignals(OnBenchStop);
+    if (!bench::ResolveCompPath("bench_pc", &opt.compPath)) return 1;
+    bench::InstallStopHandler(OnBenchStop);
     struct sigaction sa {};
     sa.sa_handler = OnWake;   // no SA_RESTART: a blocked queue read returns
     sigemptyset(&sa.sa_mask);

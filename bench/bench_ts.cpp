@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "BenchPlatform.h"
-#include "BenchProc.h"
+#include "BenchProcs.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -69,48 +69,21 @@ void Usage() {
                  "                [--levels 3,1] [--idle S] [--body BYTES] [--no-freeze] [--keep]\n");
 }
 
-std::optional<std::vector<int>> IntList(const std::string& text) {
-    std::vector<int> out;
-    size_t pos = 0;
-    while (pos <= text.size()) {
-        size_t comma = text.find(',', pos);
-        auto v = kit::ParseLong(text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
-        if (!v || *v < 1 || *v > 1000) return std::nullopt;
-        out.push_back(static_cast<int>(*v));
-        if (comma == std::string::npos) break;
-        pos = comma + 1;
-    }
-    return out;
-}
-
 bool ParseOptions(int argc, char** argv, Options* o) {
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&]() -> std::optional<std::string> {
-            if (i + 1 >= argc) return std::nullopt;
-            return std::string(argv[++i]);
-        };
-        auto number = [&](double lo, double hi) -> std::optional<double> {
-            auto v = value();
-            if (!v) return std::nullopt;
-            char* end = nullptr;
-            double d = std::strtod(v->c_str(), &end);
-            if (end == v->c_str() || *end != '\0' || d < lo || d > hi) return std::nullopt;
-            return d;
-        };
+    for (bench::OptionReader r(argc, argv); r.Next();) {
         std::optional<double> d;
         std::optional<std::string> s;
         std::optional<std::vector<int>> list;
-        if (a == "--comp" && (s = value())) o->compPath = *s;
-        else if (a == "--seconds" && (d = number(0.1, 600))) o->seconds = *d;
-        else if (a == "--rounds" && (d = number(1, 100))) o->rounds = static_cast<int>(*d);
-        else if (a == "--warmup" && (d = number(0, 60))) o->warmup = *d;
-        else if (a == "--idle" && (d = number(0, 60))) o->idleSeconds = *d;
-        else if (a == "--body" && (d = number(4, 9000))) o->bodyBytes = static_cast<int>(*d);
-        else if (a == "--clients" && (s = value()) && (list = IntList(*s))) o->clients = *list;
-        else if (a == "--levels" && (s = value()) && (list = IntList(*s))) o->levels = *list;
-        else if (a == "--no-freeze") o->freeze = false;
-        else if (a == "--keep") o->keep = true;
+        if (r.Is("--comp") && (s = r.Value())) o->compPath = *s;
+        else if (r.Is("--seconds") && (d = r.Number(0.1, 600))) o->seconds = *d;
+        else if (r.Is("--rounds") && (d = r.Number(1, 100))) o->rounds = static_cast<int>(*d);
+        else if (r.Is("--warmup") && (d = r.Number(0, 60))) o->warmup = *d;
+        else if (r.Is("--idle") && (d = r.Number(0, 60))) o->idleSeconds = *d;
+        else if (r.Is("--body") && (d = r.Number(4, 9000))) o->bodyBytes = static_cast<int>(*d);
+        else if (r.Is("--clients") && (list = r.List())) o->clients = *list;
+        else if (r.Is("--levels") && (list = r.List())) o->levels = *list;
+        else if (r.Is("--no-freeze")) o->freeze = false;
+        else if (r.Is("--keep")) o->keep = true;
         else return false;
     }
     return true;
@@ -391,26 +364,14 @@ int RunBench(const Options& opt) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 4 && std::strcmp(argv[1], "--role") == 0) {
-        const std::string role = argv[2];
-        if (role == "router" && argc == 4) return bench::RunRouterRole(argv[3]);
-        if (role == "baseline" && argc == 6) {
-            bench::BaselineOptions b;
-            b.runDir = argv[3];
-            b.route = std::atoi(argv[4]);
-            b.port = std::atoi(argv[5]);
-            return bench::RunBaselineRole(b);
-        }
-        Usage();
-        return 2;
-    }
+    if (int rc = bench::RunRoleFromArgs(argc, argv, false); rc >= 0) return rc;
     setvbuf(stdout, nullptr, _IOLBF, 0);   // progress lines show at once when piped
     Options opt;
     if (!ParseOptions(argc, argv, &opt)) {
         Usage();
         return 2;
     }
-    if (!bench::FindComp("bench_ts", &opt.compPath)) return 1;
-    bench::OnStopSignals(OnBenchStop);
+    if (!bench::ResolveCompPath("bench_ts", &opt.compPath)) return 1;
+    bench::InstallStopHandler(OnBenchStop);
     return RunBench(opt);
 }

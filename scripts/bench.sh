@@ -2,11 +2,14 @@
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
 # server path against a minimal baseline relay, about 2.5 minutes with its
 # defaults), bench_fw (the forwarder pair, about 1.5 minutes; BENCH_FW_ARGS
-# passes it flags), bench_pc (the persistent client, about 2.5 minutes;
-# BENCH_PC_ARGS) and bench_micro (the per-message routines) when built.
+# passes it flags) and bench_micro (the per-message routines) when built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
-# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags).
+# BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
+# BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes),
+# BENCH_PAS_ARGS to bench_pas (the multi-client server: round trips and ten
+# thousand connections, about 5 minutes with its defaults), BENCH_PC_ARGS to
+# bench_pc (the persistent client, about 2.5 minutes).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -27,17 +30,17 @@ if [ -x "$micro" ]; then
 fi
 echo "== bench_ts: comp SysTCPTS against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
-fw="$build/bench/bench_fw"
-if [ -x "$fw" ]; then
+# The mode benchmarks, each when it was built, with its own arguments.
+run_bench() {  # name, title, extra-args
+  local bin="$build/bench/$1"
+  [ -x "$bin" ] || return 0
   echo
-  echo "== bench_fw: comp's forwarder pair against a baseline relay pair and one TS hop"
+  echo "== $1: $2"
   # shellcheck disable=SC2086
-  "$fw" --comp "$build/comp" ${BENCH_FW_ARGS:-} || status=$?
-fi
-if [ -x "$build/bench/bench_pc" ]; then
-  echo
-  echo "== bench_pc: comp SysTCPPC against the persistent-client baseline relay"
-  # shellcheck disable=SC2086
-  "$build/bench/bench_pc" --comp "$build/comp" ${BENCH_PC_ARGS:-} || status=$?
-fi
+  "$bin" --comp "$build/comp" $3 || status=$?
+}
+run_bench bench_fw "comp's forwarder pair against a baseline relay pair and one TS hop" "${BENCH_FW_ARGS:-}"
+run_bench bench_station "comp SysTCPVANTREL against the baseline station relay" "${BENCH_STATION_ARGS:-}"
+run_bench bench_pas "comp SysTCPPAS, round trips and ten thousand connections" "${BENCH_PAS_ARGS:-}"
+run_bench bench_pc "comp SysTCPPC against the persistent-client baseline relay" "${BENCH_PC_ARGS:-}"
 exit $status

@@ -81,6 +81,9 @@ Send a message to route 10 from another terminal:
 and through the forwarder pair (routes 60 and 61) to the router's echo:
 
   $compkit send 127.0.0.1:47060 --frame 4,0,4,0 hello
+and to route 40 (PAS: one long-lived connection, the router echoes each message):
+
+  $compkit send 127.0.0.1:47040 --frame 4,0,4,0 --count 3 hello
 
 Route 30 (PC) holds a link to the echo server on 127.0.0.1:47030 (pid
 $pc_echo_pid); the router prints its N001. Send through the link via route 32:

@@ -2,12 +2,13 @@
 //
 //   compkit up RUNDIR           create the queues, semaphores and segments of sys.cfg, load tables.cfg
 //   compkit down RUNDIR         remove them again, and the FIFOs
-//   compkit status RUNDIR       queues, registry, tables, FIFOs, instances
+//   compkit status RUNDIR       queues, registry, tables, FIFOs, and per route its instances and their connections
 //   compkit tranp RUNDIR        the stand-in router alone
 //   compkit run RUNDIR          the supervisor: router, instances, shared listeners
 //   compkit send IP:PORT ...    send framed messages and print the answers
 //   compkit echo-server IP:PORT ...   answer every framed message with itself, keep the
 //                               connections, answer and send heartbeats
+//   compkit station IP:PORT ...       the station-side peer of a station link
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "kit/KitUtil.h"
 #include "kit/NetTools.h"
 #include "kit/Router.h"
+#include "kit/StationPeer.h"
 #include "kit/Supervisor.h"
 
 namespace {
@@ -31,6 +33,8 @@ void Usage(FILE* out) {
                  "                    [--count N] [--reconnect] [--timeout S] [--no-answer] TEXT...\n"
                  "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
                  "                    [--heartbeat BODY [--beat-every SECONDS]]\n"
+                 "       compkit station IP:PORT [--reject] [--no-ack] [--nack N] [--crc-error N] [--params N]\n"
+                 "                    [--send TEXT]... [--count N] [--interval MS] [--once] [--quiet] [--log FILE]\n"
                  "       compkit help\n");
 }
 
@@ -83,6 +87,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(argv + 2, argv + argc);
     if (cmd == "send") return kit::RunSend(rest);
     if (cmd == "echo-server") return kit::RunEchoServer(rest);
+    if (cmd == "station") return kit::RunStationCommand(rest);
     if (cmd != "up" && cmd != "down" && cmd != "status" && cmd != "tranp" && cmd != "run")
         return UsageError("unknown subcommand '" + cmd + "'");
     if (argc < 3) return UsageError(cmd + " needs the run directory");

@@ -115,19 +115,6 @@ int BuildBeat12(char* pcOut, int* piOutLen) {
     return 0;
 }
 
-// The station id as four digits, right-aligned and zero-padded; false when
-// app.cfg lacks it.
-bool StationDigits(char (&caDigits)[beat13::kStationDigits + 1]) {
-    std::memset(caDigits, '0', beat13::kStationDigits);
-    caDigits[beat13::kStationDigits] = '\0';
-    char caValue[kAppValueLen] = {};
-    if (SysGetAppVar("0002", caValue) != 0) return false;
-    size_t iLen = strnlen(caValue, sizeof caValue - 1);
-    size_t iTake = iLen < beat13::kStationDigits ? iLen : beat13::kStationDigits;
-    std::memcpy(caDigits + beat13::kStationDigits - iTake, caValue + iLen - iTake, iTake);
-    return true;
-}
-
 // A missing station id still gives a complete frame (station 0000), but
 // the result is -1 so that a caller that checks it knows.
 int BuildBeat13(char* pcOut, int* piOutLen) {
@@ -148,15 +135,33 @@ int BuildBeat13(char* pcOut, int* piOutLen) {
     pcOut[kOne37] = 1;
     pcOut[kHeaderEnd] = static_cast<char>(0xFF);
     pcOut[kEndTag] = static_cast<char>(0xFF);
-    char caDigits[kStationDigits + 1];
-    bool bFound = StationDigits(caDigits);
+    bool bFound = comp::StationIdBcd(reinterpret_cast<unsigned char*>(pcOut + kStation));
     if (!bFound) writelog(LOG_ERROR, nullptr, 0, "app.cfg中缺少配置STATION_ID");
-    NumberStr2BCDStr(caDigits, kStationDigits, reinterpret_cast<unsigned char*>(pcOut + kStation));
     *piOutLen = kLen;
     return bFound ? 0 : -1;
 }
 
 }  // namespace
+
+namespace comp {
+
+bool StationIdBcd(unsigned char* pucOut) {
+    constexpr int kDigits = beat13::kStationDigits;
+    char caDigits[kDigits + 1];
+    std::memset(caDigits, '0', kDigits);
+    caDigits[kDigits] = '\0';
+    char caValue[kAppValueLen] = {};
+    const bool bFound = SysGetAppVar("0002", caValue) == 0;
+    if (bFound) {
+        size_t iLen = strnlen(caValue, sizeof caValue - 1);
+        size_t iTake = iLen < kDigits ? iLen : kDigits;
+        std::memcpy(caDigits + kDigits - iTake, caValue + iLen - iTake, iTake);
+    }
+    NumberStr2BCDStr(caDigits, kDigits, pucOut);
+    return bFound;
+}
+
+}  // namespace comp
 
 extern "C" {
 

@@ -33,6 +33,10 @@ int SysCheckMd5(const char* pcBuf, int iLen);
 }  // extern "C"
 
 namespace comp {
+// The station id: app.cfg variable "0002" as four digits (right-aligned,
+// zero-padded, only the last four count) packed as 2 BCD bytes into pucOut.
+// False when app.cfg lacks it; pucOut then holds 0000.
+bool StationIdBcd(unsigned char* pucOut);
 
 // One call of the receiver plug-in's SysRcvMulPkg.
 struct NetRuleCall {
@@ -49,5 +53,4 @@ struct NetRuleCall {
 // library is missing or cannot be loaded; 1 when it has no SysRcvMulPkg, with
 // *pbNoReceiver set (nothing was read). The lines name pcSrc as their source.
 int RecvByNetRule(const char* pcSrc, const NetRuleCall& stCall, bool* pbNoReceiver);
-
 }  // namespace comp

@@ -12,6 +12,7 @@
 #include "comp/SysComPub.h"
 #include "base/SysGlobals.h"
 #include "comp/SysPlatMsg.h"
+#include "comp/SysPlugin.h"
 #include "config/FileOpApp.h"
 #include "config/SysRscApp.h"
 #include "ipc/SysFIFO.h"
@@ -141,6 +142,32 @@ bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const A
     std::snprintf(g_caMsg, sizeof g_caMsg, fmt, pcSrc, __LINE__, a.err, std::strerror(a.err));
     ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
     return false;
+}
+
+PreHdlOutcome RunInputPreHandling(const char* pcSrc, const char* pcRouteId, const char* pcName, int iFd,
+                                  const char* pcLogPath, const char* pcData, int iLen) {
+    constexpr int kReplyLen = 1024;   // what a pre-handling function may answer
+    char reply[kReplyLen] = {0};
+    int replyLen = 0;
+    int rc = SysPreHdl(pcRouteId, pcName, pcData, iLen, reply, &replyLen, 0);
+    SysConnLog(iFd, pcLogPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]", pcSrc, __LINE__, pcName);
+    if (replyLen > kReplyLen) replyLen = kReplyLen;
+    if (replyLen > 0) {
+        SysConnLog(iFd, pcLogPath, LOG_INFO, reply, replyLen, "[%s,%d,%s]", pcSrc, __LINE__, pcName);
+        if (iSockSend(iFd, reply, replyLen) != 0) {
+            SysConnLog(iFd, pcLogPath, LOG_ERROR, nullptr, 0, "[%s,%d]%s", pcSrc, __LINE__, std::strerror(errno));
+            return PreHdlOutcome::kClose;
+        }
+    }
+    if (rc == 1) {
+        SysConnLog(iFd, pcLogPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]", pcSrc, __LINE__, pcName);
+        return PreHdlOutcome::kDrop;
+    }
+    if (rc < 0) {
+        SysConnLog(iFd, pcLogPath, LOG_ERROR, nullptr, 0, "[%s,%d]SysPreHdl err", pcSrc, __LINE__);
+        return PreHdlOutcome::kDrop;
+    }
+    return PreHdlOutcome::kForward;
 }
 
 void CleanOwnQueueAndFifo(int iNotifyKind) {

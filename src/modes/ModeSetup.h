@@ -84,6 +84,18 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
 // node", "iNoblockFd error"; a connection refused so is closed. True when
 // the connection is the caller's.
 bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptSpec& stSpec, Accepted* pstOut);
+// ---- input pre-handling --------------------------------------------------
+
+// The route's input pre-handling function pcName run on one message a peer
+// sent on iFd (lines to the connection log pcLogPath, with pcSrc as the
+// source slot). A reply the function makes goes to the peer at once.
+enum class PreHdlOutcome {
+    kForward,   // the message goes on to TranP
+    kDrop,      // the function consumed it, or failed: it goes no further
+    kClose,     // its reply could not be sent: the caller closes the connection
+};
+PreHdlOutcome RunInputPreHandling(const char* pcSrc, const char* pcRouteId, const char* pcName, int iFd,
+                                  const char* pcLogPath, const char* pcData, int iLen);
 
 // ---- quitting -------------------------------------------------------------
 

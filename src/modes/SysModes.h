@@ -4,6 +4,9 @@
 // private to their mode's file.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
 #include "base/SysTypes.h"
 
 extern "C" {
@@ -35,6 +38,27 @@ int SysCheckClientSock(int iTableSize, int iReconnInterval, const char* pcIp, in
 int SysGetRemoteSock(const char* pcIp, int iPort, const char* pcRouteName);
 int SysConnectRemoteIni(const char* pcRouteName, const char* pcIp, int iPort);
 int SysCloseAll(int iServerFd);
+// ---- station link (VANTREL) ----
+// The station link's protocol routines are declared in modes/SysVantrel.h.
+int SysTCPVANTREL(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+// ---- SysTCPPAS: asynchronous multi-client server --------------------------
+int SysTCPPAS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd);
+// One connection per client address across the route's processes: 0 the
+// address holds none, 1 an older connection of it was closed (here or by its
+// owner), -2 the owner did not answer in time, -1 fatal.
+int SysCheckIP(char* pcRouteId, char* pcIp, int iMaxFd);
+// The descriptor of this process's open connection from pcIp, or -1.
+int iGetFdByIP(char* pcIp, int iPort, int iMaxFd, char* pcRouteName);
+
+// What one PAS process asks another about a client address (peer-request
+// queue, typed with the owner's pid) and the answer (peer-answer queue, the
+// same bytes typed with the asker's pid).
+struct PasPeerMsg {
+    int32_t iPid;       // the asking process
+    char caIp[16];      // the client address, dotted text
+};
+static_assert(sizeof(PasPeerMsg) == 20);
+static_assert(offsetof(PasPeerMsg, caIp) == 4);
 
 // ---- Persistent client and server (PC, PS) -----------------------------------
 // PS takes the listener shared with the supervisor as its fourth argument.

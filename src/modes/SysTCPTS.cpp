@@ -221,29 +221,13 @@ void TsAnswer(Ts& ts, int, unsigned) {
 bool TsInputPreHandling(Ts& ts, int fd, const char* data, int len) {
     const char* name = comp::RouteText(ts.route, RT_INPREHDL);
     if (name[0] == '\0') return true;
-    SockEntry& r = ts.rows[fd];
-    char reply[kPreHdlBufLen] = {0};
-    int replyLen = 0;
-    int rc = SysPreHdl(ts.routeId, name, data, len, reply, &replyLen, 0);
-    SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]", SRC_NAME, __LINE__, name);
-    if (replyLen > kPreHdlBufLen) replyLen = kPreHdlBufLen;
-    if (replyLen > 0) {
-        SysConnLog(r.fd, r.logPath, LOG_INFO, reply, replyLen, "[%s,%d,%s]", SRC_NAME, __LINE__, name);
-        if (iSockSend(fd, reply, replyLen) != 0) {
-            SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d]%s", SRC_NAME, __LINE__, std::strerror(errno));
-            TsClose(ts, fd);
-            return false;
-        }
+    switch (comp::RunInputPreHandling(SRC_NAME, ts.routeId, name, fd, ts.rows[fd].logPath, data, len)) {
+        case comp::PreHdlOutcome::kForward: return true;
+        case comp::PreHdlOutcome::kDrop: return false;
+        case comp::PreHdlOutcome::kClose: break;
     }
-    if (rc == 1) {
-        SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d,%s]", SRC_NAME, __LINE__, name);
-        return false;
-    }
-    if (rc < 0) {
-        SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d]SysPreHdl err", SRC_NAME, __LINE__);
-        return false;
-    }
-    return true;
+    TsClose(ts, fd);
+    return false;
 }
 
 void TsRequest(Ts& ts, int fd, unsigned) {

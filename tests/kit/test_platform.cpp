@@ -181,6 +181,23 @@ TEST(TablesCfg, column_order_of_the_header_does_not_change_the_row_image) {
     EXPECT_EQ(ia[1].caTableName[0], '\0') << "the image ends with an empty record";
 }
 
+TEST(TablesCfg, route_rows_may_come_in_several_sections_with_headers_of_their_own) {
+    std::vector<kit::KitTable> t;
+    std::string why;
+    ASSERT_TRUE(kit::ParseTablesCfg("[PLAT_STATICROUTEINF]\nROUTEID IPPORT\n10 1.2.3.4:5\n[VARSTABLE]\nVARSNAME VARSVALUE\n"
+                                    "X 1\n[PLAT_STATICROUTEINF]\nBEATSWITCH ROUTEID\n1 70\n",
+                                    "t", &t, &why))
+        << why;
+    ASSERT_EQ(t.size(), 2u);
+    const kit::KitTable& routes = t[1];
+    ASSERT_EQ(routes.rows.size(), 2u);
+    EXPECT_EQ(routes.columns.size(), size_t(comp::kRouteFields));
+    EXPECT_EQ(routes.rows[0][RT_IPPORT], "1.2.3.4:5");
+    EXPECT_EQ(routes.rows[1][RT_ROUTEID], "70");
+    EXPECT_EQ(routes.rows[1][RT_BEATSWITCH], "1");
+    EXPECT_EQ(routes.rows[1][RT_IPPORT], "");
+}
+
 TEST(TablesCfg, bad_lines_are_reported_with_their_line_number) {
     struct Case {
         const char* text;

@@ -9,6 +9,7 @@
 #include "kit/KitProc.h"
 #include "kit/KitUtil.h"
 #include "kit/Router.h"
+#include "kit/StationFrames.h"
 
 namespace {
 
@@ -178,6 +179,37 @@ TEST_F(RouterTest, notifications_are_traced_and_not_answered) {
     EXPECT_EQ(trace[0], "<- N001 pid 4242 route 10 fd 7 ip 10.0.0.9 port 5009 [0.0.0.0] [] []");
 }
 
+TEST_F(RouterTest, station_route_gets_tranps_part_of_the_sequences_and_echoes_transactions) {
+    Configure("route 70 SysTCPVANTREL station\n");
+    const int ring = Fifo("4242", comp::kFifoPidNotify);
+    namespace st = kit::station;
+    auto n004 = [](uint32_t cmd) { return std::string("N004") + std::string(reinterpret_cast<char*>(&cmd), 4); };
+    auto frameOf = [](const st::Bytes& f) { return std::string(f.begin(), f.end()); };
+    auto answered = [&]() {
+        int n = Answer(4242);
+        return n > 64 ? st::Bytes(buf->caText + 64, buf->caText + n) : st::Bytes();
+    };
+
+    Route(PlatMsg(4242, 70, 0, 47070, "127.0.0.1", n004(0x00FF5109)));
+    EXPECT_EQ(trace[0], "<- N004 pid 4242 route 70 peer 127.0.0.1:47070 command 0x00FF5109");
+    EXPECT_EQ(st::CodeOf(answered()), "00FF5109") << Trace();
+    Route(PlatMsg(4242, 70, 5, 47070, "127.0.0.1", frameOf(st::Control(0x520C, 3))));
+    EXPECT_EQ(st::CodeOf(answered()), "04005401");
+    Route(PlatMsg(4242, 70, 0, 47070, "127.0.0.1", n004(0x05003101)));
+    EXPECT_EQ(st::CodeOf(answered()), "05003101");
+    Route(PlatMsg(4242, 70, 5, 47070, "127.0.0.1", frameOf(st::Trade("hi", 4))));
+    st::Bytes echo = answered();
+    EXPECT_EQ(std::string(echo.begin() + 39, echo.end() - 5), "echo: hi");
+    // Commands with no part for TranP, and acknowledgements, are only traced.
+    trace.clear();
+    Route(PlatMsg(4242, 70, 0, 47070, "127.0.0.1", n004(0x0500FFFF)));
+    Route(PlatMsg(4242, 70, 5, 47070, "127.0.0.1", "N005" + std::string(28, 'A')));
+    EXPECT_EQ(Answer(0), 0);
+    ASSERT_EQ(trace.size(), 2u);
+    EXPECT_EQ(trace[1], "<- N005 pid 4242 route 70 fd 5 peer 127.0.0.1:47070 value " + std::string(28, 'A'));
+    EXPECT_EQ(Rings(ring), 4);
+}
+
 TEST(RelayBook, gives_up_the_request_in_flight_and_forgets_the_waiting_ones_past_their_age) {
     kit::RelayBook book;
     for (int64_t since : {1000, 2000, 5000})
@@ -212,6 +244,7 @@ TEST(KitConfig, mistakes_are_reported_with_their_line) {
         {"instance 10 1\n", "compkit.cfg:1: route 10 has no route line"},
         {"route 10 SysTCPTS\ninstance 10 1\ninstance 10 1\n", "compkit.cfg:3: instance 1 of route 10 is listed twice"},
         {"start everything\n", "compkit.cfg:1: unknown line 'start'"},
+        {"route 10 SysTCPTS station\n", "compkit.cfg:1: only a SysTCPVANTREL route plays the station sequences"},
     };
     for (const Case& c : cases) {
         kit::KitConfig cfg;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "kit/KitUtil.h"
@@ -38,7 +39,7 @@ bool ParseRouteId(const std::string& text, int* id) {
 
 bool ParseRouteLine(const std::vector<std::string>& w, RouteCfg* r, std::string* why) {
     if (w.size() < 3) {
-        *why = "a route line is: route ID MODE [echo | relay ID | drop] [listen IP:PORT]";
+        *why = "a route line is: route ID MODE [echo | relay ID | station | drop] [listen IP:PORT]";
         return false;
     }
     if (!ParseRouteId(w[1], &r->id)) {
@@ -54,6 +55,8 @@ bool ParseRouteLine(const std::vector<std::string>& w, RouteCfg* r, std::string*
     for (size_t i = 3; i < w.size(); ++i) {
         if (w[i] == "echo") {
             r->action = RouteCfg::Action::kEcho;
+        } else if (w[i] == "station") {
+            r->action = RouteCfg::Action::kStation;
         } else if (w[i] == "drop") {
             r->action = RouteCfg::Action::kDrop;
         } else if (w[i] == "relay" && i + 1 < w.size()) {
@@ -79,6 +82,10 @@ bool ParseRouteLine(const std::vector<std::string>& w, RouteCfg* r, std::string*
     }
     if (!r->mode->sharedListener && r->hasListen) {
         *why = std::string(r->mode->name) + " does not take a listener from the supervisor";
+        return false;
+    }
+    if (r->action == RouteCfg::Action::kStation && std::string_view(r->mode->name) != "SysTCPVANTREL") {
+        *why = "only a SysTCPVANTREL route plays the station sequences";
         return false;
     }
     if (r->action == RouteCfg::Action::kEcho && r->mode->form == AnswerForm::kNone) {

@@ -6,7 +6,7 @@
 //   relay-timeout SECONDS              how long a relayed request may wait to be sent, then for its
 //                                      answer (default 60)
 //   route ID MODE [ACTION] [listen IP:PORT]
-//        ACTION: echo | relay ID | drop (default drop)
+//        ACTION: echo | relay ID | station | drop (default drop)
 //   instance ROUTE NUMBER
 #pragma once
 
@@ -37,7 +37,7 @@ const ModeInfo* FindMode(std::string_view name);
 const char* FormName(AnswerForm form);
 
 struct RouteCfg {
-    enum class Action { kDrop, kEcho, kRelay };
+    enum class Action { kDrop, kEcho, kRelay, kStation };
     int id = 0;
     std::string idText;       // as comp receives it on its command line
     const ModeInfo* mode = nullptr;

@@ -21,6 +21,7 @@
 #include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
 #include "kit/KitUtil.h"
+#include "kit/RouteStatus.h"
 #include "kit/TablesCfg.h"
 
 namespace kit {
@@ -343,27 +344,21 @@ bool WriteTables(int segId, const std::vector<KitTable>& tables, std::string* wh
 // status
 // ---------------------------------------------------------------------------
 
-void DescribeRegistry(std::ostringstream& out, const ShmCfgEntry& m) {
+void DescribeRegistry(std::ostringstream& out, const ShmCfgEntry& m, const std::vector<ConnNode>& nodes) {
     int id = Probe(IpcObject::kSegment, m.iKey);
     if (id < 0) return;
     char* base = pcShmAt(id);
     if (base == nullptr) return;
     ConnListHeader h;
     std::memcpy(&h, base + comp::kRegistryHeaderOff, sizeof h);
+    SysShmdt(base);
     out << "registry: " << h.iBusyBlocks << " busy, " << h.iFreeBlocks << " free of " << h.iTotalBlocks << "\n";
-    // A snapshot without the lock: the walk is bounded and checks every index.
-    int idx = h.iBusy;
-    for (int n = 0; n < comp::kRegistryNodes && idx >= 0 && idx < comp::kRegistryNodes; ++n) {
-        ConnNode node;
-        std::memcpy(&node, base + comp::kRegistryNodesOff + static_cast<size_t>(idx) * sizeof(ConnNode), sizeof node);
+    for (const ConnNode& node : nodes) {
         char line[256];
         std::snprintf(line, sizeof line, "  [%.8s] %.16s:%d pid %d fd %d vfd %d type %.16s\n", node.caRouteId,
                       node.caIp, node.iPort, node.iPid, node.iSockFd, node.iVirtualFd, node.caType);
         out << line;
-        idx = node.iNext;
-        if (idx == h.iBusy) break;
     }
-    SysShmdt(base);
 }
 
 void DescribeTables(std::ostringstream& out, const ShmCfgEntry& m) {
@@ -563,9 +558,11 @@ std::string PlatformStatus(const std::string& runDir) {
         else
             out << " id " << id << ": " << ds.shm_segsz << " bytes, " << ds.shm_nattch << " attached\n";
     }
-    DescribeRegistry(out, res.shms[0]);
+    const std::vector<ConnNode> nodes = RegistrySnapshot(res.shms[0]);
+    DescribeRegistry(out, res.shms[0], nodes);
     DescribeTables(out, res.shms[1]);
     DescribeFifos(out, runDir);
+    out << DescribeRoutes(runDir, nodes);
     return out.str();
 }
 

@@ -227,6 +227,20 @@ int RunSend(const std::vector<std::string>& args) {
     return failures == 0 ? 0 : 1;
 }
 
+UniqueFd ListenOn(const std::string& ip, int port, int backlog) {
+    UniqueFd lsn(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int one = 1;
+    setsockopt(lsn.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, ip.c_str(), &sa.sin_addr);
+    if (!lsn.valid() || bind(lsn.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+        listen(lsn.get(), backlog) != 0)
+        return UniqueFd();
+    return lsn;
+}
+
 int RunEchoServer(const std::vector<std::string>& args) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     NetArgs a;
@@ -248,14 +262,8 @@ int RunEchoServer(const std::vector<std::string>& args) {
         return 2;
     }
     const std::vector<char> beat = a.framing.encode(a.heartbeat);
-    UniqueFd lsn(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    int one = 1;
-    setsockopt(lsn.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(a.port));
-    inet_pton(AF_INET, a.ip.c_str(), &sa.sin_addr);
-    if (bind(lsn.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(lsn.get(), 64) != 0) {
+    UniqueFd lsn = ListenOn(a.ip, a.port, 64);
+    if (!lsn.valid()) {
         std::fprintf(stderr, "compkit echo-server: %s:%d: %s\n", a.ip.c_str(), a.port, std::strerror(errno));
         return 1;
     }

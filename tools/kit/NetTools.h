@@ -8,12 +8,18 @@
 #include <string>
 #include <vector>
 
+#include "kit/KitUtil.h"
+
 namespace kit {
 
 // Both parse their own arguments (after the subcommand) and return the exit
 // status; usage errors print to stderr and return 2.
 int RunSend(const std::vector<std::string>& args);
 int RunEchoServer(const std::vector<std::string>& args);
+
+// A listening TCP socket on IP:PORT (SO_REUSEADDR); invalid with errno set
+// when it cannot be had.
+UniqueFd ListenOn(const std::string& ip, int port, int backlog);
 
 // Connects to IP:PORT (blocking, with a time-out); the descriptor or -1.
 int ConnectTo(const std::string& ip, int port, int timeoutMs, std::string* why);

@@ -13,6 +13,7 @@
 #include "ipc/SysIpc.h"
 #include "kit/KitIpc.h"
 #include "kit/KitUtil.h"
+#include "kit/StationFrames.h"
 
 namespace kit {
 
@@ -93,9 +94,18 @@ std::string DescribeMessage(const char* text, int len) {
             std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " [%s] [%s] [%s]",
                           Field(body, p::kNoteText1, 16).c_str(), Field(body, p::kNoteText2, 12).c_str(),
                           Field(body, p::kNoteText3, 15).c_str());
-        if (code == "N004" && bodyLen >= p::kNoteIp + kIpWidth + 4 && n > 0)
-            std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " command %d",
-                          Get<int32_t>(body, p::kNoteIp + kIpWidth));
+        return line;
+    }
+    // The station link's N004 (a sequence command) and N005 (a frame the
+    // peer acknowledged) travel as network messages of the route.
+    if (h.kind == p::kKindNet && bodyLen == 8 && std::memcmp(body, "N004", 4) == 0) {
+        std::snprintf(line, sizeof line, "N004 pid %d route %u peer %s:%d command 0x%08X", h.pid, h.route,
+                      h.ip.c_str(), h.port, Get<uint32_t>(body, 4));
+        return line;
+    }
+    if (h.kind == p::kKindNet && bodyLen >= 4 && std::memcmp(body, "N005", 4) == 0) {
+        std::snprintf(line, sizeof line, "N005 pid %d route %u fd %d peer %s:%d value %s", h.pid, h.route, h.sock,
+                      h.ip.c_str(), h.port, Printable(body + 4, bodyLen - 4, kPreviewChars).c_str());
         return line;
     }
     if (h.kind == p::kKindCommonp) {
@@ -234,6 +244,8 @@ void Router::handle(const char* text, int len, std::vector<std::string>* trace) 
         echo(*r, h, text, len, trace);
     } else if (r->action == RouteCfg::Action::kRelay) {
         relayRequest(*r, text, len, trace);
+    } else if (r->action == RouteCfg::Action::kStation) {
+        station(h, text, len, trace);
     } else {
         trace->push_back("   route " + std::to_string(h.route) + " drops its messages");
     }
@@ -323,6 +335,21 @@ void Router::relayAnswer(const RouteCfg& from, int clientRoute, const char* text
         trace->push_back("   answer too long; dropped");
     }
     sendNextRelay(clientRoute, trace);
+}
+
+void Router::station(const PlatHeader& h, const char* text, int len, std::vector<std::string>* trace) {
+    std::string what;
+    auto frame = station::TranpReply(reinterpret_cast<const unsigned char*>(text + p::kHeaderLen),
+                                     len - p::kHeaderLen, &what);
+    if (!frame) return;
+    Delivery d;
+    d.type = h.pid;
+    d.fifoKind = comp::kFifoPidNotify;
+    d.fifoName = std::to_string(h.pid);
+    if (!BuildAnswer(AnswerForm::kByPid, text, reinterpret_cast<const char*>(frame->data()),
+                     static_cast<int>(frame->size()), &d.text))
+        return;
+    send(d, "station " + what, trace);
 }
 
 bool Router::pickInstance(int route, int* instance) {

@@ -112,6 +112,8 @@ public:
 private:
     void echo(const RouteCfg& r, const PlatHeader& h, const char* text, int len, std::vector<std::string>* trace);
     void relayRequest(const RouteCfg& r, const char* text, int len, std::vector<std::string>* trace);
+    // TranP's part in the station link's sequences (see StationFrames.h).
+    void station(const PlatHeader& h, const char* text, int len, std::vector<std::string>* trace);
     void relayAnswer(const RouteCfg& from, int clientRoute, const char* text, int len,
                      std::vector<std::string>* trace);
     // Sends the client route's next waiting request when none is in flight.

@@ -69,7 +69,8 @@ bool TakeHeader(KitTable* t, const std::vector<std::string>& words, std::vector<
             *why = std::string(kRouteTable) + " needs a ROUTEID column";
             return false;
         }
-        for (int i = 0; i < comp::kRouteFields; ++i) t->columns.emplace_back(g_pcaRouteColumns[i]);
+        if (t->columns.empty())
+            for (int i = 0; i < comp::kRouteFields; ++i) t->columns.emplace_back(g_pcaRouteColumns[i]);
     } else if (static_cast<int>(t->columns.size()) > kMaxColumns) {
         *why = "a table has at most " + std::to_string(kMaxColumns) + " columns of 32 bytes";
         return false;
@@ -130,14 +131,20 @@ bool ParseTablesCfg(std::string_view text, const std::string& fileName, std::vec
                 *why = At(fileName, lineNo) + "table name '" + name + "' is not 1..31 letters, digits or '_'";
                 return false;
             }
-            for (const KitTable& t : tables)
-                if (t.name == name) {
-                    *why = At(fileName, lineNo) + "table " + name + " has a section already (line " +
-                           std::to_string(t.line) + ")";
-                    return false;
-                }
-            tables.push_back(KitTable{name, {}, {}, {}, lineNo});
+            auto same = std::find_if(tables.begin(), tables.end(), [&](const KitTable& t) { return t.name == name; });
             haveHeader = false;
+            // The route table's columns are fixed, so its rows may come in
+            // several sections, each with a header of its own.
+            if (same != tables.end() && name == kRouteTable) {
+                std::rotate(same, same + 1, tables.end());
+                continue;
+            }
+            if (same != tables.end()) {
+                *why = At(fileName, lineNo) + "table " + name + " has a section already (line " +
+                       std::to_string(same->line) + ")";
+                return false;
+            }
+            tables.push_back(KitTable{name, {}, {}, {}, lineNo});
             continue;
         }
         std::vector<std::string> words;

@@ -32,9 +32,11 @@ struct KitTable {
     int line = 0;                             // line of the section header
 };
 
-// Parses tables.cfg. PLAT_STATICROUTEINF rows are widened to the table's 28
-// columns in their fixed order, whatever order the header names them in
-// (ROUTEMONID defaults to "1" when the header leaves it out). False with
+// Parses tables.cfg. A table has one section, except PLAT_STATICROUTEINF,
+// whose rows may come in several sections, each with its own header line.
+// Its rows are widened to the table's 28 columns in their fixed order,
+// whatever order the header names them in (ROUTEMONID defaults to "1" when
+// the header leaves it out). False with
 // "<file>:<line>: reason" for the first bad line.
 bool ParseTablesCfg(std::string_view text, const std::string& fileName, std::vector<KitTable>* out,
                     std::string* why);

@@ -210,7 +210,7 @@ std::string PlatformTest::SysCfgText(int tableSegmentBytes) const {
 
 void PlatformTest::StartPlatform(const PlatformSetup& setup) {
     run.write("etc/sys.cfg", SysCfgText());
-    std::string app = "[APPVARS]\nLOG_LEVEL 1\n" + AppVars();
+    std::string app = "[APPVARS]\n" + std::string(setup.appVars.count("LOG_LEVEL") ? "" : "LOG_LEVEL 1\n") + AppVars();
     for (const auto& [name, value] : setup.appVars) app += name + " " + value + "\n";
     run.write("etc/app.cfg", app + "[]\n");
     run.write("etc/tables.cfg", TablesCfgText(setup));
@@ -225,12 +225,23 @@ int PlatformTest::QueueId(int index) const {
     return it == queueKeys_.end() ? -1 : msgget(it->second, 0);
 }
 
+namespace {
+
+// The sanitizer runtime this (sanitized) test process has loaded, "" when
+// none: a sanitized comp needs it loaded before any preloaded library.
+std::string SanitizerRuntime() {
+    const std::string maps = kit::ReadWholeFile("/proc/self/maps").value_or("");
+    const size_t at = maps.find("/libasan.so");
+    if (at == std::string::npos) return "";
+    const size_t begin = maps.rfind(' ', at) + 1, end = maps.find('\n', at);
+    return maps.substr(begin, end - begin);
+}
+
+}  // namespace
+
 std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
-    // Under AddressSanitizer the preloaded library comes before its runtime,
-    // which it accepts when told so.
-    const char* asan = getenv("ASAN_OPTIONS");
-    return {"LD_PRELOAD=" + lib,
-            std::string("ASAN_OPTIONS=") + (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0"};
+    const std::string asan = SanitizerRuntime();
+    return {"LD_PRELOAD=" + (asan.empty() ? "" : asan + ":") + lib};
 }
 
 std::vector<std::string> PlatformTest::FastClock(int speed) {

@@ -1,4 +1,4 @@
-#include "BenchProc.h"
+#include "BenchProcs.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,11 +6,17 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "kit/KitProc.h"
 #include "kit/KitUtil.h"
 
 namespace bench {
+
+namespace {
+constexpr int kReadyTimeoutMs = 10000;
+constexpr int kQuitGraceMs = 3000;
+}  // namespace
 
 Children::~Children() {
     for (auto& [pid, kid] : kids_) {
@@ -60,34 +66,12 @@ bool Children::Alive(pid_t pid) {
     return false;
 }
 
-bool FindComp(const char* prog, std::string* path) {
-    if (path->empty()) {
-        std::string self = kit::SelfExe();
-        *path = self.substr(0, self.rfind('/')) + "/../comp";
-    }
-    if (access(path->c_str(), X_OK) == 0) return true;
-    std::fprintf(stderr, "%s: %s is not an executable; build comp or pass --comp PATH\n", prog, path->c_str());
-    return false;
-}
-
-void OnStopSignals(void (*handler)(int)) {
-    struct sigaction sa {};
-    sa.sa_handler = handler;
-    sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-}
-
-bool FileExists(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0;
-}
-
-bool WaitReady(Children& kids, pid_t pid, const std::string& fifo, const volatile sig_atomic_t* stop,
+bool WaitReady(Children& kids, pid_t pid, const std::string& path, const volatile sig_atomic_t* stop,
                std::string* why) {
     const int64_t deadline = kit::NowMs() + kReadyTimeoutMs;
     while (!*stop && kit::NowMs() < deadline) {
-        if (FileExists(fifo)) return true;
+        struct stat st {};
+        if (stat(path.c_str(), &st) == 0) return true;
         if (!kids.Alive(pid)) {
             *why = "it ended before it was ready";
             return false;
@@ -105,20 +89,57 @@ std::string LoadAverage() {
     return text.substr(0, cut);
 }
 
-std::string FifoPath(const std::string& runDir, const std::string& name) { return runDir + "/fifo/" + name; }
-
 std::string Tail(const std::string& path, size_t maxBytes) {
     std::string text = kit::ReadWholeFile(path).value_or("");
     return text.size() > maxBytes ? "..." + text.substr(text.size() - maxBytes) : text;
 }
 
-std::vector<std::string> CommaWords(const std::string& text) {
-    std::vector<std::string> out;
+std::string FifoPath(const std::string& runDir, const std::string& name) { return runDir + "/fifo/" + name; }
+
+std::optional<std::vector<int>> IntList(const std::string& text) {
+    std::vector<int> out;
     size_t pos = 0;
-    for (size_t comma; (comma = text.find(',', pos)) != std::string::npos; pos = comma + 1)
-        out.push_back(text.substr(pos, comma - pos));
-    out.push_back(text.substr(pos));
+    while (pos <= text.size()) {
+        size_t comma = text.find(',', pos);
+        auto v = kit::ParseLong(text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
+        if (!v || *v < 1 || *v > 1000) return std::nullopt;
+        out.push_back(static_cast<int>(*v));
+        if (comma == std::string::npos) break;
+        pos = comma + 1;
+    }
     return out;
+}
+
+std::optional<std::string> OptionReader::Value() {
+    if (i_ + 1 >= argc_) return std::nullopt;
+    return std::string(argv_[++i_]);
+}
+
+std::optional<double> OptionReader::Number(double lo, double hi) {
+    auto v = Value();
+    if (!v) return std::nullopt;
+    char* end = nullptr;
+    double d = std::strtod(v->c_str(), &end);
+    if (end == v->c_str() || *end != '\0' || d < lo || d > hi) return std::nullopt;
+    return d;
+}
+
+bool ResolveCompPath(const char* prog, std::string* path) {
+    if (path->empty()) {
+        std::string self = kit::SelfExe();
+        *path = self.substr(0, self.rfind('/')) + "/../comp";
+    }
+    if (access(path->c_str(), X_OK) == 0) return true;
+    std::fprintf(stderr, "%s: %s is not an executable; build comp or pass --comp PATH\n", prog, path->c_str());
+    return false;
+}
+
+void InstallStopHandler(void (*handler)(int)) {
+    struct sigaction sa {};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
 }
 
 }  // namespace bench
