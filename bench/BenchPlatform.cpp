@@ -153,10 +153,14 @@ bool WriteTextFile(const std::string& path, const std::string& text, std::string
 
 BenchPlatform::~BenchPlatform() { Destroy(); }
 
+std::string BenchPlatform::ExtraRows() const {
+    return extraRows_.empty() ? "" : "[PLAT_STATICROUTEINF]\n" + std::string(kExtraRouteColumns) + "\n" + extraRows_;
+}
+
 bool BenchPlatform::WriteConfig(int logLevel, std::string* why) const {
     return WriteTextFile(runDir_ + "/etc/sys.cfg", SysCfgText(keyBase_), why) &&
-           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_, extras_), why) &&
-           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_, extras_), why) &&
+           WriteTextFile(runDir_ + "/etc/tables.cfg", TablesCfgText(routes_, extras_) + ExtraRows(), why) &&
+           WriteTextFile(runDir_ + "/etc/compkit.cfg", KitCfgText(routes_, extras_) + extraKit_, why) &&
            WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_), why);
 }
 
@@ -234,6 +238,7 @@ bool BenchPlatform::SetLogLevel(int logLevel, std::string* why, bool deadline) {
 bool BenchPlatform::SetAppCfg(int logLevel, const std::string& moreVars, std::string* why) {
     return WriteTextFile(runDir_ + "/etc/app.cfg", AppCfgText(logLevel, extras_, moreVars), why);
 }
+
 
 void BenchPlatform::TrimLogs() const {
     // Error logs stay: the report looks into them.

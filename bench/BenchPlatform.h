@@ -78,6 +78,17 @@ public:
     bool SetLogLevel(int logLevel, std::string* why, bool deadline = false);
     // The same with further [APPVARS] lines (each ended by a newline).
     bool SetAppCfg(int logLevel, const std::string& moreVars, std::string* why);
+    // Routes a benchmark adds before Create(): rows for tables.cfg, in their
+    // own section with the column order kExtraRouteColumns, and compkit.cfg
+    // lines.
+    static constexpr const char* kExtraRouteColumns =
+        "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
+        "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG "
+        "BEATINTERVAL RECONNINTERVAL IPPORT";
+    void AddRoutes(const std::string& tableRows, const std::string& kitLines) {
+        extraRows_ += tableRows;
+        extraKit_ += kitLines;
+    }
     // Removes rotated trace logs (*.bak) and empties the connection logs, so
     // long runs at LOG_LEVEL 1 do not fill the disk.
     void TrimLogs() const;
@@ -92,6 +103,8 @@ private:
     std::string runDir_;
     BenchRoutes routes_;
     BenchExtras extras_;
+    std::string ExtraRows() const;
+    std::string extraRows_, extraKit_;
     key_t keyBase_ = 0;
     bool up_ = false;
     bool keepDir_ = false;

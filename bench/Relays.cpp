@@ -38,17 +38,6 @@ namespace plat = comp::plat;
 volatile sig_atomic_t g_stop = 0;
 extern "C" void OnRoleStop(int) { g_stop = 1; }
 
-// SIGTERM and SIGINT end the role; without SA_RESTART they also interrupt a
-// blocking receive or poll, so the loop sees the request at once.
-void InstallStopHandlers() {
-    struct sigaction sa {};
-    sa.sa_handler = OnRoleStop;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGINT, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-}
-
 template <typename T>
 void Put(char* text, int off, T v) {
     std::memcpy(text + off, &v, sizeof v);
@@ -718,6 +707,19 @@ int PcBaselineRelay::Run() {
 }
 
 }  // namespace
+
+// SIGTERM and SIGINT end the role; without SA_RESTART they also interrupt a
+// blocking receive or poll, so the loop sees the request at once.
+void InstallStopHandlers() {
+    struct sigaction sa {};
+    sa.sa_handler = OnRoleStop;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+bool RoleStopped() { return g_stop != 0; }
 
 bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, std::string* why) {
     kit::Resources res;

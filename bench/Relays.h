@@ -19,6 +19,15 @@ namespace bench {
 
 int RunRouterRole(const std::string& runDir);
 
+// Ids of the platform's queues 7 (to the router) and 8 (from it); false with
+// the reason.
+bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, std::string* why);
+
+// SIGTERM and SIGINT set the flag that `RoleStopped` reads; without
+// SA_RESTART they also interrupt a blocking receive or poll.
+void InstallStopHandlers();
+bool RoleStopped();
+
 struct BaselineOptions {
     std::string runDir;
     int route = 0;        // route id written into the PlatMsg header
@@ -59,8 +68,6 @@ int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline);
 // when the header holds anything but digits.
 int DecimalHeaderLength(const char* header, int headerLen);
 
-// Ids of queues 7 (to the router) and 8 (from it) of the platform in runDir.
-bool PlatformQueues(const std::string& runDir, int* toRouter, int* fromRouter, std::string* why);
 
 // The baseline of the persistent-client benchmark (bench_pc's role
 // `pcbaseline`): one connection to the server and only the system calls of a

@@ -2,7 +2,8 @@
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
 # server path against a minimal baseline relay, about 2.5 minutes with its
 # defaults), bench_fw (the forwarder pair, about 1.5 minutes; BENCH_FW_ARGS
-# passes it flags) and bench_micro (the per-message routines) when built.
+# passes it flags), bench_syn (the polled synchronous modes against baseline
+# peers) and bench_micro (the per-message routines) when built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
@@ -42,5 +43,8 @@ run_bench() {  # name, title, extra-args
 run_bench bench_fw "comp's forwarder pair against a baseline relay pair and one TS hop" "${BENCH_FW_ARGS:-}"
 run_bench bench_station "comp SysTCPVANTREL against the baseline station relay" "${BENCH_STATION_ARGS:-}"
 run_bench bench_pas "comp SysTCPPAS, round trips and ten thousand connections" "${BENCH_PAS_ARGS:-}"
+# The polled synchronous modes (about 2 minutes: PCSYN waits 25 s at start,
+# once per wait style).
+run_bench bench_syn "comp SysTCPPCSYN and SysTCPPASSYN against baseline peers" "${BENCH_SYN_ARGS:-}"
 run_bench bench_pc "comp SysTCPPC against the persistent-client baseline relay" "${BENCH_PC_ARGS:-}"
 exit $status

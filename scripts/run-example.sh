@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Starts the example platform of examples/ in the foreground: clients of the
 # TS route 10 (127.0.0.1:47010) are answered through the TC route 20, which
-# reaches a local echo server on 127.0.0.1:47020; clients of the TS route 32
-# (127.0.0.1:47032) through the persistent link of the PC route 30 to a second
-# echo server on 127.0.0.1:47030; the PS route 31 shares 127.0.0.1:47031
-# between two instances. Builds nothing: `make run` builds first. Ctrl-C
-# stops every process and removes the queues, semaphores, segments and FIFOs
-# again.
+# reaches a local echo server on 127.0.0.1:47020; the polled routes 50
+# (PCSYN, polled by a local poll server on 127.0.0.1:47050) and 51 (PASSYN,
+# on 127.0.0.1:47051) echo their data frames; clients of the TS route 32
+# (127.0.0.1:47032) are answered through the persistent link of the PC route
+# 30 to a second echo server on 127.0.0.1:47030; the PS route 31 shares
+# 127.0.0.1:47031 between two instances. Builds nothing: `make run` builds
+# first. Ctrl-C stops every process and removes the queues, semaphores,
+# segments and FIFOs again.
 #   scripts/run-example.sh [BUILD_DIR]
 set -euo pipefail
 
@@ -48,10 +50,11 @@ if [ "$(id -u)" -eq 0 ]; then
 fi
 
 echo_pid=""
+poll_pid=""
 pc_echo_pid=""
 cleanup() {
   trap - EXIT INT TERM
-  for pid in $echo_pid $pc_echo_pid; do
+  for pid in $echo_pid $poll_pid $pc_echo_pid; do
     kill "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   done
@@ -65,6 +68,11 @@ trap 'exit 130' INT TERM
 "$compkit" up "$run"
 "$compkit" echo-server 127.0.0.1:47020 --frame 4,0,4,0 --prefix "echo: " &
 echo_pid=$!
+# The server that polls the PCSYN route 50, once every 2 seconds, with one
+# data frame on the way; its lines go to log/poll-server.out.
+"$compkit" poll-server 127.0.0.1:47050 --interval 2000 --data "hello from the poll server" \
+  >"$run/log/poll-server.out" 2>&1 &
+poll_pid=$!
 # The PC route's server keeps the link and sends a heartbeat (type 0602) after
 # 10 s without sending.
 pc_server=(echo-server 127.0.0.1:47030 --frame 4,0,4,0 --prefix "pc-echo: " --heartbeat 0602 --beat-every 10)
@@ -84,6 +92,10 @@ and through the forwarder pair (routes 60 and 61) to the router's echo:
 and to route 40 (PAS: one long-lived connection, the router echoes each message):
 
   $compkit send 127.0.0.1:47040 --frame 4,0,4,0 --count 3 hello
+Poll the PASSYN route 51 as a client (the PCSYN route 50 is polled by the
+server in $run/log/poll-server.out):
+
+  $compkit poll-client 127.0.0.1:47051 --data hello
 
 Route 30 (PC) holds a link to the echo server on 127.0.0.1:47030 (pid
 $pc_echo_pid); the router prints its N001. Send through the link via route 32:

@@ -9,6 +9,8 @@
 //   compkit echo-server IP:PORT ...   answer every framed message with itself, keep the
 //                               connections, answer and send heartbeats
 //   compkit station IP:PORT ...       the station-side peer of a station link
+//   compkit poll-server IP:PORT ...   the server that polls a PCSYN route
+//   compkit poll-client IP:PORT ...   a client that answers the polls of a PASSYN route
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +25,7 @@
 #include "kit/Router.h"
 #include "kit/StationPeer.h"
 #include "kit/Supervisor.h"
+#include "kit/SynPeers.h"
 
 namespace {
 
@@ -35,6 +38,8 @@ void Usage(FILE* out) {
                  "                    [--heartbeat BODY [--beat-every SECONDS]]\n"
                  "       compkit station IP:PORT [--reject] [--no-ack] [--nack N] [--crc-error N] [--params N]\n"
                  "                    [--send TEXT]... [--count N] [--interval MS] [--once] [--quiet] [--log FILE]\n"
+                 "       compkit poll-server|poll-client IP:PORT [--interval MS] [--count N] [--timeout S]\n"
+                 "                    [--data TEXT]...\n"
                  "       compkit help\n");
 }
 
@@ -87,6 +92,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(argv + 2, argv + argc);
     if (cmd == "send") return kit::RunSend(rest);
     if (cmd == "echo-server") return kit::RunEchoServer(rest);
+    if (cmd == "poll-server") return kit::RunPollServer(rest);
+    if (cmd == "poll-client") return kit::RunPollClient(rest);
     if (cmd == "station") return kit::RunStationCommand(rest);
     if (cmd != "up" && cmd != "down" && cmd != "status" && cmd != "tranp" && cmd != "run")
         return UsageError("unknown subcommand '" + cmd + "'");

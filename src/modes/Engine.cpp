@@ -122,6 +122,7 @@ void Loop::ReleaseHold(int iFd) {
 
 void Loop::Quit() {
     if (hooks_.quit) hooks_.quit(hooks_.ctx);
+    if (seam::g_pLoopDriver != nullptr) seam::g_pLoopDriver->Quit();
     SysComQuit();
 }
 
@@ -135,6 +136,11 @@ int Loop::AddTimer(Phase ePhase, TimerFn pfFn, void* pvCtx, int64_t lDueUsec) {
 void Loop::SetDue(int iTimer, int64_t lDueUsec) { timers_.at(static_cast<size_t>(iTimer)).due = lDueUsec; }
 
 int64_t Loop::Due(int iTimer) const { return timers_.at(static_cast<size_t>(iTimer)).due; }
+
+void Loop::ClockWentBack() {
+    for (Timer& t : timers_) t.due = 0;
+    lastScanSec_ = -1;
+}
 
 void Loop::RunPhase(Phase ePhase) {
     const bool all = spec_.eStyle == WaitStyle::kFixed;
@@ -304,8 +310,10 @@ int Loop::RunOnce() {
 }
 
 int Loop::Run() {
-    for (;;)
+    for (;;) {
+        if (seam::g_pLoopDriver != nullptr && !seam::g_pLoopDriver->Continue(*this)) return 0;
         if (RunOnce() != 0) return -1;
+    }
 }
 
 }  // namespace comp

@@ -156,7 +156,10 @@ public:
     void SetDue(int iTimer, int64_t lDueUsec);
     int64_t Due(int iTimer) const;
 
-    // The pass's time, read once at its start and again after the wait.
+    // The pass's time, read once at its start and again after the wait. When
+    // the clock is seen to have gone back, the deadline style runs every
+    // timer at once: due times taken from the old clock mean nothing now, and
+    // each timer tests its own rule as in the fixed style.
     int64_t NowUsec() const { return now_; }
     int32_t NowSec() const { return static_cast<int32_t>(now_ / 1000000); }
     Clock& clock() { return *clock_; }
@@ -186,7 +189,12 @@ private:
         int64_t due;
     };
 
-    void Tick() { now_ = clock_->NowUsec(); }
+    void Tick() {
+        const int64_t t = clock_->NowUsec();
+        if (t < now_) ClockWentBack();
+        now_ = t;
+    }
+    void ClockWentBack();
     bool ParentGone();
     void RunPhase(Phase ePhase);
     bool IdleScanDue() const;
@@ -232,5 +240,23 @@ struct Adapter<F> {
 };
 template <auto F>
 inline constexpr auto Fn = &Adapter<F>::Call;
+
+namespace seam {
+// A test's hand on a mode's loop, to run a whole mode in-process: the loop
+// that ModeLoopSpec describes takes the driver's clock; Run asks the driver
+// before every pass whether to go on (false: Run returns 0); and Quit ends in
+// the driver, after the mode's quit hook, instead of ending the process.
+// Null in the product.
+class LoopDriver {
+public:
+    virtual Clock* clock() = 0;
+    virtual bool Continue(Loop& loop) = 0;
+    [[noreturn]] virtual void Quit() = 0;
+
+protected:
+    ~LoopDriver() = default;
+};
+inline LoopDriver* g_pLoopDriver = nullptr;
+}  // namespace seam
 
 }  // namespace comp

@@ -50,6 +50,7 @@ Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, i
     spec.lWaitUsec = lWaitUsec;
     spec.eStyle = ConfiguredWaitStyle();
     spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? Backend::kEpoll : eFixedBackend;
+    if (seam::g_pLoopDriver != nullptr) spec.pClock = seam::g_pLoopDriver->clock();
     return spec;
 }
 

@@ -60,6 +60,18 @@ struct PasPeerMsg {
 static_assert(sizeof(PasPeerMsg) == 20);
 static_assert(offsetof(PasPeerMsg, caIp) == 4);
 
+// ---- polled synchronous links: PCSYN (client) and PASSYN (server) ----------
+int SysTCPPCSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+int SysTCPPASSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd);
+// PCSYN: one doorbell from TranP (the message waits for the next request),
+// and one request of the server checked and answered.
+int SysReadPipe(int iNotifyFd, const char* pcRouteId, RouteRecord stRoute);
+int SysGetAndSendTaskMsg(const char* pcRouteId, char* pcFrame, int iLen, int iFd);
+// PASSYN: one client frame checked and answered from the task queue, and one
+// task of a client address (the type word of pstBuf) read without waiting.
+int SysAnswerBack(char* pcFrame, int iLen, int iFd, int iTaskQid);
+int SysReadTaskQueue(int iTaskQid, QueueMsg* pstBuf);
+
 // ---- Persistent client and server (PC, PS) -----------------------------------
 // PS takes the listener shared with the supervisor as its fourth argument.
 // Their helpers (SysSendMsg, SysConnectIni, SysKeepAlive, ...) share names

@@ -13,6 +13,7 @@
 
 #include "UnitFixture.h"
 #include "modes/Engine.h"
+#include "modes/ModeSetup.h"
 
 namespace {
 
@@ -290,6 +291,26 @@ TEST_P(EngineTimeTest, deadline_style_waits_for_the_earliest_due_timer) {
     EXPECT_EQ(beat.ranAt.size(), 3u);
 }
 
+// A clock that went back leaves every due time far in its future: the
+// deadline style then runs each timer at once, and each finds its own next
+// due time from the new clock.
+TEST_P(EngineTimeTest, deadline_style_runs_every_timer_when_the_clock_goes_back) {
+    Make(std::get<0>(GetParam()), WaitStyle::kDeadline);
+    const int64_t t0 = clock.NowUsec();
+    Timers beat{&seen, &clock, {}, 30 * comp::kUsecPerSec};
+    loop->AddTimer(Phase::kAfterDispatch, comp::Fn<Periodic>, &beat, t0 + 30 * comp::kUsecPerSec);
+    loop->RunOnce();
+    ASSERT_EQ(beat.ranAt, (std::vector<int64_t>{t0 + 30'000'000}));
+
+    clock.Advance(-3600 * comp::kUsecPerSec);   // due at t0 + 60 s: an hour and a minute away now
+    const int64_t back = clock.NowUsec();
+    loop->RunOnce();
+    ASSERT_EQ(beat.ranAt.size(), 2u) << "ran at once, not an hour later";
+    EXPECT_EQ(beat.ranAt[1], back);
+    loop->RunOnce();
+    EXPECT_EQ(beat.ranAt.back(), back + 30'000'000) << "and then by its own rule";
+}
+
 // Idle connections are tested each pass in the fixed style, and once a second
 // in the deadline style, which wakes at the next whole second for them.
 TEST_P(EngineTimeTest, idle_test_runs_every_pass_or_once_a_second) {
@@ -415,6 +436,39 @@ TEST_F(EngineFaultTest, lost_parent_ends_the_process_in_both_styles) {
         EXPECT_EQ(c, 'q');
     }
     EXPECT_TRUE(Logged("]Parent exit.errno=")) << Logs();
+}
+
+// A test runs a mode's loop through the driver: the mode's loop spec takes the
+// driver's clock, Run asks before every pass, and Quit ends in the driver.
+struct Driver final : comp::seam::LoopDriver {
+    comp::ManualClock* clk = nullptr;
+    int passes = 0, allowed = 0;
+    comp::Clock* clock() override { return clk; }
+    bool Continue(Loop&) override { return passes++ < allowed; }
+    [[noreturn]] void Quit() override { _exit(43); }
+};
+
+TEST_F(EngineFaultTest, driver_runs_the_passes_it_allows_and_takes_the_quit) {
+    Driver d;
+    d.clk = &clock;
+    d.allowed = 3;
+    comp::seam::g_pLoopDriver = &d;
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n[]\n");
+    comp::Loop::Spec spec = comp::ModeLoopSpec("test", "test", kTable, 10);
+    EXPECT_EQ(spec.pClock, &clock);
+    spec.iTableSize = kTable;
+    Loop::Hooks hooks;
+    hooks.ctx = &seen;
+    hooks.quit = [](void* ctx) { static_cast<Seen*>(ctx)->trace.push_back("quit hook"); };
+    {
+        Loop loop(spec, hooks);
+        const int64_t start = clock.NowUsec();
+        EXPECT_EQ(loop.Run(), 0);
+        EXPECT_EQ(d.passes, 4) << "asked before each of three passes and once more";
+        EXPECT_EQ(clock.NowUsec(), start + 30) << "three idle passes of 10 us on the driver's clock";
+        EXPECT_EQ(comptest::RunInChild([&]() -> int { loop.Quit(); }), 43);
+    }
+    comp::seam::g_pLoopDriver = nullptr;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/msg.h>
 #include <sys/socket.h>
 
+#include "Loopback.h"
 #include "UnitFixture.h"
 #include "base/SysGlobals.h"
 #include "ipc/SysFIFO.h"
@@ -78,40 +79,19 @@ protected:
         while (msgrcv(commonp, &m, sizeof m.text, comp::kCommonpAccepted, IPC_NOWAIT) >= 0) ++n;
         return n;
     }
-    static int Listener(int* port) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-        listen(fd, 8);
-        socklen_t len = sizeof a;
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-        *port = ntohs(a.sin_port);
-        return fd;
-    }
-    static comp::UniqueFd Dial(int port) {
-        comp::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-        return fd;
-    }
     int commonp = -1;
 };
 
 TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave) {
     int port = 0;
-    comp::UniqueFd lsn(Listener(&port));
+    comp::UniqueFd lsn(comptest::ListenLoopback(&port));
 
     comp::Accepted none = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{});
     EXPECT_EQ(none.outcome, comp::AcceptOutcome::kAcceptFailed);
     EXPECT_EQ(none.err, EAGAIN) << "nobody waits: another process took the client";
     EXPECT_EQ(Reports(), 1);
 
-    comp::UniqueFd client = Dial(port);
+    comp::UniqueFd client = comptest::DialLoopback(port);
     comp::Accepted ok = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{true, true, true});
     ASSERT_EQ(ok.outcome, comp::AcceptOutcome::kOk);
     EXPECT_STREQ(ok.ip, "127.0.0.1");
@@ -119,20 +99,20 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
     EXPECT_TRUE(fcntl(ok.fd.get(), F_GETFL) & O_NONBLOCK);
     EXPECT_EQ(Reports(), 1);
 
-    comp::UniqueFd second = Dial(port);
+    comp::UniqueFd second = comptest::DialLoopback(port);
     comp::Accepted over = comp::AcceptOnCommand(lsn.get(), ok.fd.get(), comp::AcceptSpec{});
     EXPECT_EQ(over.outcome, comp::AcceptOutcome::kTooMany);
     EXPECT_EQ(Reports(), 1);
 
     g_stMsgQCntl[comp::kQueueCommonp].iId = -1;   // Commonp's queue is gone
-    comp::UniqueFd third = Dial(port);
+    comp::UniqueFd third = comptest::DialLoopback(port);
     EXPECT_EQ(comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{}).outcome,
               comp::AcceptOutcome::kReportFailed);
 }
 
 TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_one) {
     int port = 0;
-    comp::UniqueFd lsn(Listener(&port));
+    comp::UniqueFd lsn(comptest::ListenLoopback(&port));
     comp::Loop::Spec spec;
     spec.pcSrc = "Src";
     spec.iTableSize = 1024;
@@ -141,13 +121,13 @@ TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_
     EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
     EXPECT_TRUE(Logged("]iSockAccept error.errno=11,errmsg=[")) << Logs();
 
-    comp::UniqueFd client = Dial(port);
+    comp::UniqueFd client = comptest::DialLoopback(port);
     ASSERT_TRUE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
     EXPECT_TRUE(a.fd.valid());
 
     spec.iTableSize = a.fd.get();
     comp::Loop small(spec, comp::Loop::Hooks{});
-    comp::UniqueFd second = Dial(port);
+    comp::UniqueFd second = comptest::DialLoopback(port);
     comp::Accepted over;
     EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", small, lsn.get(), comp::AcceptSpec{}, &over));
     EXPECT_TRUE(Logged("]Too many communication node.errno="));

@@ -226,35 +226,41 @@ int PlatformTest::QueueId(int index) const {
 }
 
 namespace {
-
-// The sanitizer runtime this (sanitized) test process has loaded, "" when
-// none: a sanitized comp needs it loaded before any preloaded library.
-std::string SanitizerRuntime() {
-    const std::string maps = kit::ReadWholeFile("/proc/self/maps").value_or("");
-    const size_t at = maps.find("/libasan.so");
-    if (at == std::string::npos) return "";
-    const size_t begin = maps.rfind(' ', at) + 1, end = maps.find('\n', at);
-    return maps.substr(begin, end - begin);
-}
-
-}  // namespace
-
-std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
-    const std::string asan = SanitizerRuntime();
-    return {"LD_PRELOAD=" + (asan.empty() ? "" : asan + ":") + lib};
-}
-
-std::vector<std::string> PlatformTest::FastClock(int speed) {
+const char* FaketimeLibrary() {
     for (const char* lib : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/aarch64-linux-gnu/faketime/libfaketime.so.1",
                             "/usr/lib/faketime/libfaketime.so.1"})
-        if (access(lib, R_OK) == 0) {
-            std::vector<std::string> env = PreloadEnv(lib);
-            env.push_back("FAKETIME=+0 x" + std::to_string(speed));
-            env.push_back("FAKETIME_DONT_RESET=1");
-            return env;
-        }
-    return {};
+        if (access(lib, R_OK) == 0) return lib;
+    return nullptr;
+}
+// A library preloaded ahead of the sanitizer runtime of a sanitized comp
+// (libfaketime, the connect-fault shim) is refused unless the runtime is told
+// that the order is meant.
+std::string SanitizerOrderOption() {
+    const char* given = getenv("ASAN_OPTIONS");
+    std::string opts = given != nullptr ? given : "";
+    return "ASAN_OPTIONS=" + opts + (opts.empty() ? "" : ":") + "verify_asan_link_order=0";
+}
+}  // namespace
+
+std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
+    return {"LD_PRELOAD=" + lib, SanitizerOrderOption()};
+}
+
+std::vector<std::string> PlatformTest::FastClock(int speed) {
+    const char* lib = FaketimeLibrary();
+    if (lib == nullptr) return {};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1"});
+    return env;
+}
+
+std::vector<std::string> PlatformTest::SteppedClock(const std::string& specFile) {
+    const char* lib = FaketimeLibrary();
+    if (lib == nullptr) return {};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1"});
+    return env;
 }
 
 size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,

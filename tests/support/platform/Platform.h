@@ -77,6 +77,10 @@ protected:
     static std::vector<std::string> FastClock(int speed);
     // The environment that preloads a library into comp.
     static std::vector<std::string> PreloadEnv(const std::string& lib);
+    // The environment that runs comp under libfaketime with the offset read
+    // from specFile on every clock read ("+0", then e.g. "-30" steps comp's
+    // clock 30 seconds back at once); {} when libfaketime is not installed.
+    static std::vector<std::string> SteppedClock(const std::string& specFile);
     // Waits for comp i to end; its exit status, or -1 when it still runs (or
     // died by a signal: then -signal-100).
     int WaitComp(size_t i, int timeoutMs);
