@@ -67,11 +67,11 @@ std::string SysCfgText(key_t base) {
 
 // A route row; upperPort 0 leaves IPPORTUPPER empty.
 std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0,
-                      const char* beatSwitch = "-") {
+                      const char* beatSwitch = "-", int reconn = 5) {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s %s\n", route, name,
-                  sndType, idle, port, upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-",
-                  beatSwitch);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d 127.0.0.1:%d %s %s\n", route, name,
+                  sndType, idle, reconn, port,
+                  upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-", beatSwitch);
     return line;
 }
 
@@ -99,7 +99,7 @@ std::string TablesCfgText(const BenchRoutes& r, const BenchExtras& x) {
     s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
     s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
     for (const BenchExtras::Route& e : x.routes)
-        s += RouteLine(e.id, e.name.c_str(), "0", e.port, e.idleTimeout, 0, "0");
+        s += RouteLine(e.id, e.name.c_str(), e.sndType.c_str(), e.port, e.idleTimeout, 0, "0", e.reconnInterval);
     s += "[PLAT_STATICROUTEINF]\n"
          "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
          "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "

@@ -37,9 +37,9 @@ struct BenchRoutes {
     int baseStationPeerPort = 0;
 };
 
-// What one benchmark adds to the platform before Create(): server routes
-// of its own (MSGSNDTYPE 0, heartbeats off, the same framing), a larger
-// socket table, and application variables.
+// What one benchmark adds to the platform before Create(): routes of its own
+// (server routes unless said otherwise, heartbeats off, the same framing), a
+// larger socket table, and application variables.
 struct BenchExtras {
     struct Route {
         int id = 0;
@@ -47,6 +47,8 @@ struct BenchExtras {
         int port = 0;            // the route's IPPORT on 127.0.0.1
         int idleTimeout = 30;
         std::string kitLine;     // its compkit.cfg line ("route ID MODE echo ...")
+        std::string sndType = "0";   // MSGSNDTYPE: "1" for a client route
+        int reconnInterval = 5;      // RECONNINTERVAL
     };
     std::vector<Route> routes;
     int maxComNum = 1024;        // MAX_COM_NUM

@@ -10,7 +10,8 @@
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
 # BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes),
 # BENCH_PAS_ARGS to bench_pas (the multi-client server: round trips and ten
-# thousand connections, about 5 minutes with its defaults).
+# thousand connections, about 5 minutes with its defaults), BENCH_PC_ARGS to
+# bench_pc (the persistent client, about 2.5 minutes).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -46,4 +47,5 @@ run_bench bench_pas "comp SysTCPPAS, round trips and ten thousand connections" "
 # The polled synchronous modes (about 2 minutes: PCSYN waits 25 s at start,
 # once per wait style).
 run_bench bench_syn "comp SysTCPPCSYN and SysTCPPASSYN against baseline peers" "${BENCH_SYN_ARGS:-}"
+run_bench bench_pc "comp SysTCPPC against the persistent-client baseline relay" "${BENCH_PC_ARGS:-}"
 exit $status

@@ -279,4 +279,31 @@ TEST_F(BenchTsTest, RefusesBadOptions) {
     EXPECT_EQ(Run({"--comp", "/nonexistent/comp"}).status, 1);
 }
 
+// bench_pc in both wait styles with one reconnect each, run to its end.
+TEST(BenchPc, ShortRunReportsBothRelaysBothStylesAndAReconnectAndCleansUp) {
+    REQUIRE_BIG_QUEUE_MESSAGES();
+    const std::string out = "/tmp/bench_pc_test_" + std::to_string(getpid()) + ".out";
+    Kid kid;
+    kid.pid = Start({kBuild + "/bench/bench_pc", "--comp", kBuild + "/comp", "--rounds", "1", "--seconds", "0.3",
+                     "--warmup", "0", "--inflight", "2", "--reconnects", "1"},
+                    out);
+    int status = -1;
+    ASSERT_TRUE(kit::WaitChild(kid.pid, 60000, &status));
+    kid.pid = -1;
+    BenchRun r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), kit::ReadWholeFile(out).value_or("")};
+    std::filesystem::remove(out);
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const char* style : {"fixed", "deadline"}) {
+        EXPECT_TRUE(std::regex_search(r.output, std::regex(std::string(style) + " +2 in flight: throughput")))
+            << r.output;
+        EXPECT_TRUE(std::regex_search(r.output, std::regex(std::string(style) + " +1 reconnects: N003 -> N001")))
+            << r.output;
+    }
+    EXPECT_EQ(r.output.find("lost or wrong"), std::string::npos) << r.output;
+    r.ExpectNothingLeft();
+    const int bad = Start({kBuild + "/bench/bench_pc", "--inflight", "0"});
+    ASSERT_TRUE(kit::WaitChild(bad, 10000, &status));
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+}
+
 }  // namespace
