@@ -88,7 +88,11 @@ TEST_F(FwPairTest, sixteen_clients_through_the_pair_get_their_own_answers) {
     EXPECT_TRUE(WaitFor("[ftp.pair] [pairuser] [pairpw]", 16)) << "N001 carries FWB's FTP settings";
     for (int round = 0; round < 3; ++round) {
         auto text = [round](size_t i) {
-            return "c" + std::to_string(i) + " r" + std::to_string(round);
+            std::string t = "c";
+            t += std::to_string(i);
+            t += " r";
+            t += std::to_string(round);
+            return t;
         };
         for (size_t i = 0; i < clients.size(); ++i)
             ASSERT_TRUE(Send(clients[i].get(), Frame(text(i))));
