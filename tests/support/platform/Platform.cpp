@@ -29,14 +29,6 @@ constexpr int kQueueIndices[] = {comp::kQueueCommonp,    comp::kQueueToTranp,   
                                  comp::kQueuePasRequest, comp::kQueuePasAnswer, comp::kQueueDrain};
 constexpr int kStopGraceMs = 3000;
 
-std::string Today() {
-    time_t now = time(nullptr);
-    tm t{};
-    localtime_r(&now, &t);
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
-    return buf;
-}
 sockaddr_in Loopback(const std::string& ip, int port) {
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
@@ -300,8 +292,20 @@ void PlatformTest::StopComp(size_t i) {
 std::string PlatformTest::CompOutput(size_t i) const { return ReadFile(comps_[i].outputPath); }
 
 std::string PlatformTest::CompTraceLog(size_t i) const {
+    // One file per day: all of the process's days in order, as a run under
+    // an accelerated clock may pass midnight.
     const CompProc& p = comps_[i];
-    return ReadFile(run.file("log/com_" + p.procName + "_" + std::to_string(p.pid) + "_" + Today() + ".log"));
+    const std::string prefix = "com_" + p.procName + "_" + std::to_string(p.pid) + "_";
+    std::vector<std::filesystem::path> days;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"), ec)) {
+        const std::string name = e.path().filename().string();
+        if (name.starts_with(prefix) && name.ends_with(".log")) days.push_back(e.path());
+    }
+    std::sort(days.begin(), days.end());
+    std::string all;
+    for (const auto& d : days) all += ReadFile(d.string());
+    return all;
 }
 
 // Like nginx's tests, a run fails when a sanitizer spoke in any comp's output
