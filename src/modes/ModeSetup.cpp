@@ -54,6 +54,13 @@ Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, i
     return spec;
 }
 
+Loop::Spec ListenerModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec) {
+    Loop::Spec spec = ModeLoopSpec(pcSrc, pcMode, iTableSize, lWaitUsec);
+    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
+    spec.bLogEintr = false;
+    return spec;
+}
+
 bool OpenModeFifos(const char* pcSrc, int iInstance, const char* pcNotifyName, int iNotifyKind, ModeFifos* pstOut) {
     char name[32];
     std::snprintf(name, sizeof name, "%d_%d", getpid(), iInstance);

@@ -31,6 +31,10 @@ WaitStyle ConfiguredWaitStyle();
 // remove every connection.
 Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
                         Backend eFixedBackend = Backend::kPoll, Backend eDeadlineBackend = Backend::kEpoll);
+// The loop of a mode that serves the clients of an inherited listener (PS,
+// PAS, PASSYN, FWS): a failed wait is logged as "select() error" and an
+// interrupted one is not logged at all.
+Loop::Spec ListenerModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec);
 
 // Opens the control FIFO "<pid>_<instance>" (kind 3) and, when pcNotifyName
 // is not null, the notification FIFO pcNotifyName of iNotifyKind. False after

@@ -113,9 +113,7 @@ int SysTCPFWS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd
     hooks.close = comp::Fn<FwsCloseHook>;
     hooks.closeAgain = comp::Fn<FwsCloseAgain>;
     hooks.quit = comp::Fn<FwsQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-    spec.bLogEintr = false;
+    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
     s.loop.emplace(spec, hooks);
     comp::Loop& loop = *s.loop;
     loop.SetRows(&s.rows);

@@ -161,9 +161,7 @@ int SysTCPPAS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd
     hooks.close = comp::Fn<PasCloseHook>;
     hooks.closeAgain = comp::Fn<PasCloseAgain>;
     hooks.quit = comp::Fn<PasQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-    spec.bLogEintr = false;
+    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
     p.loop.emplace(spec, hooks);
     comp::Loop& loop = *p.loop;
     loop.SetRows(&p.rows);

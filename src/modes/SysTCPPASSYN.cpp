@@ -139,9 +139,7 @@ int SysTCPPASSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListe
     hooks.idle = comp::Fn<PassynSilent>;
     hooks.close = comp::Fn<PassynCloseHook>;
     hooks.quit = comp::Fn<PassynQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-    spec.bLogEintr = false;
+    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
     ps.loop.emplace(spec, hooks);
     comp::Loop& loop = *ps.loop;
     loop.SetRows(&ps.rows);

@@ -97,9 +97,7 @@ int SysTCPPS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd)
     hooks.ctx = &ps;
     hooks.idle = comp::Fn<PsIdle>;
     hooks.quit = comp::Fn<PsQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-    spec.bLogEintr = false;
+    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
     ps.loop.emplace(spec, hooks);
     comp::Loop& loop = *ps.loop;
     loop.SetRows(&ps.rows);
