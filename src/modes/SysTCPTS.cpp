@@ -76,6 +76,7 @@ struct Ts {
     comp::SockTable<SockEntry> rows;    // pstSockList
     std::vector<int> pending;           // requests forwarded and not yet answered, by descriptor
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;          // paces the listener while descriptors run out
     QueueMsg buf;                       // one request or answer at a time
 };
 // SysResponseWork keeps its C signature, so it finds the mode through this.
@@ -175,10 +176,11 @@ void TsAccept(Ts& ts, int fd, unsigned) {
     char ip[17] = {0};
     int port = 0;
     comp::UniqueFd conn(iSockAcceptInfo(fd, ip, &port));
-    if (!conn.valid()) {
-        COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
-        return;
-    }
+    const int err = conn.valid() ? 0 : errno;
+    if (!conn.valid())
+        COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, err, std::strerror(err));
+    ts.accepts.AfterAccept(*ts.loop, fd, err);
+    if (!conn.valid()) return;
     if (conn.get() >= ts.loop->TableSize()) {
         COMP_ERRLOG("[%s,%d]Too many communication node.", SRC_NAME, __LINE__);
         return;
