@@ -29,14 +29,6 @@ constexpr int kQueueIndices[] = {comp::kQueueCommonp,    comp::kQueueToTranp,   
                                  comp::kQueuePasRequest, comp::kQueuePasAnswer, comp::kQueueDrain};
 constexpr int kStopGraceMs = 3000;
 
-std::string Today() {
-    time_t now = time(nullptr);
-    tm t{};
-    localtime_r(&now, &t);
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
-    return buf;
-}
 sockaddr_in Loopback(const std::string& ip, int port) {
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
@@ -233,8 +225,9 @@ const char* FaketimeLibrary() {
         if (access(lib, R_OK) == 0) return lib;
     return nullptr;
 }
-// libfaketime is preloaded ahead of the sanitizer runtime of a sanitized
-// comp, which the runtime refuses unless told that the order is meant.
+// A library preloaded ahead of the sanitizer runtime of a sanitized comp
+// (libfaketime, the connect-fault shim) is refused unless the runtime is told
+// that the order is meant.
 std::string SanitizerOrderOption() {
     const char* given = getenv("ASAN_OPTIONS");
     std::string opts = given != nullptr ? given : "";
@@ -242,18 +235,24 @@ std::string SanitizerOrderOption() {
 }
 }  // namespace
 
+std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
+    return {"LD_PRELOAD=" + lib, SanitizerOrderOption()};
+}
+
 std::vector<std::string> PlatformTest::FastClock(int speed) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1",
-            SanitizerOrderOption()};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1"});
+    return env;
 }
 
 std::vector<std::string> PlatformTest::SteppedClock(const std::string& specFile) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1",
-            SanitizerOrderOption()};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1"});
+    return env;
 }
 
 size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,
@@ -293,8 +292,20 @@ void PlatformTest::StopComp(size_t i) {
 std::string PlatformTest::CompOutput(size_t i) const { return ReadFile(comps_[i].outputPath); }
 
 std::string PlatformTest::CompTraceLog(size_t i) const {
+    // One file per day: all of the process's days in order, as a run under
+    // an accelerated clock may pass midnight.
     const CompProc& p = comps_[i];
-    return ReadFile(run.file("log/com_" + p.procName + "_" + std::to_string(p.pid) + "_" + Today() + ".log"));
+    const std::string prefix = "com_" + p.procName + "_" + std::to_string(p.pid) + "_";
+    std::vector<std::filesystem::path> days;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(run.file("log"), ec)) {
+        const std::string name = e.path().filename().string();
+        if (name.starts_with(prefix) && name.ends_with(".log")) days.push_back(e.path());
+    }
+    std::sort(days.begin(), days.end());
+    std::string all;
+    for (const auto& d : days) all += ReadFile(d.string());
+    return all;
 }
 
 // Like nginx's tests, a run fails when a sanitizer spoke in any comp's output
