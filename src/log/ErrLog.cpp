@@ -72,6 +72,12 @@ void WriteToErrorFile(const std::string& body) {
             std::printf("ErrLog.c: fatal error occured !!! error_no is %d\n", errno);
             std::printf("errlog: %s CANNOT OPEN FOR ERROR LOG !!!\n", name.c_str());
         }
+        // Out of descriptors with the reserve gone: only this process could
+        // free one, and it would be waiting here. The record is lost.
+        if (errno == EMFILE) {
+            std::printf("errlog: %s CANNOT OPEN FOR ERROR LOG !!! error_no is %d\n", name.c_str(), errno);
+            return;
+        }
         sleep(1);
     }
     comp::log::LogFd file(fd);

@@ -87,6 +87,8 @@ namespace {
 constexpr int kReserveCeiling = 1023;
 int g_reserve = -1;
 
+}  // namespace
+
 // Takes the reserve, moved to the top of the limit (where it stands out of
 // the way of numbers handed out lowest first).
 void TakeReserve() {
@@ -107,8 +109,6 @@ void TakeReserve() {
     g_reserve = fd;
     errno = saved;
 }
-
-}  // namespace
 
 int OpenLogFd(const char* pcPath, int iFlags, mode_t mode) {
     TakeReserve();

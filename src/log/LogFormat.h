@@ -27,6 +27,8 @@ void AppendFormat(std::string& out, int iMax, const char* pcFmt, ...) __attribut
 // process's limit: an open that finds none free gives the reserve up, and
 // closing the file takes it back.
 int OpenLogFd(const char* pcPath, int iFlags, mode_t mode);
+// Takes the reserve now (a process does before it can run short).
+void TakeReserve();
 // Closes a descriptor of OpenLogFd and takes the reserve back.
 void CloseLogFd(int iFd);
 // The reserve's descriptor (-1 while it is given up).

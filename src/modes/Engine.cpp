@@ -13,6 +13,7 @@
 #include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
+#include "log/LogFormat.h"
 #include "log/LogRepeats.h"
 
 namespace comp {
@@ -49,7 +50,10 @@ Loop::Loop(const Spec& stSpec, const Hooks& stHooks)
     sigaddset(&usr1_, SIGUSR1);
     candidates_.reserve(slots_.size() + 1);
     Tick();
-    if (spec_.bUpkeep) nextUpkeep_ = (now_ / kUsecPerSec + 1) * kUsecPerSec;
+    if (spec_.bUpkeep) {
+        nextUpkeep_ = (now_ / kUsecPerSec + 1) * kUsecPerSec;
+        log::TakeReserve();   // before connections can use the descriptors up
+    }
 }
 
 Loop::~Loop() {
