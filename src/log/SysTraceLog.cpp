@@ -203,7 +203,12 @@ int logDispErrMsg(int iFd, int iLevel, const char* pcText, const void* pvData, i
 int SysWriteLog(int iLevel, const char* pcPath, const void* pvData, int iLen, const char* pcText) {
     if (iLevel < Settings().iTraceLevel) return 0;
     if (iLen > kMaxDump) iLen = kMaxDump;
-    if (!AdmitEntry(iLevel, pcPath, pvData, iLen, pcText)) return 0;
+    // Only failures are gated: the entries of the normal flow (a connection
+    // log's separators, "N001 to Tranp") repeat by nature.
+    if (iLevel < LOG_ERROR)
+        comp::log::FlushRepeats();   // the counts that are due still come first
+    else if (!AdmitEntry(iLevel, pcPath, pvData, iLen, pcText))
+        return 0;
     return WriteEntry(iLevel, pcPath, pvData, iLen, pcText);
 }
 

@@ -121,11 +121,12 @@ TEST_F(LogFlood, error_log_writes_five_records_then_one_summary_with_the_count) 
               comp::log::kDefaultRepeatLimit + 1);
 }
 
-TEST_F(LogFlood, trace_and_connection_logs_are_gated_per_file_and_level) {
+TEST_F(LogFlood, trace_and_connection_log_failures_are_gated_per_file_and_level) {
     const std::string conn = run.file("conn.log");
     for (int i = 0; i < 20; ++i) {
         writelog(LOG_ERROR, "ab", 2, "[%s,%d]fd=%d closed", "SysTCPPAS", 7, 5);
-        writelog2(LOG_INFO, conn.c_str(), nullptr, 0, "[%s,%d]fd=%d closed", "SysTCPPAS", 7, 5);
+        writelog2(LOG_ERROR, conn.c_str(), nullptr, 0, "[%s,%d]fd=%d closed", "SysTCPPAS", 7, 5);
+        writelog2(LOG_INFO, conn.c_str(), nullptr, 0, "-----ENDC<<<");   // the normal flow is never gated
         writelog(LOG_ERROR, nullptr, 0, "[%s,%d]fd=%d gone", "SysTCPPAS", 7, i);   // all different
         g_now += 100;
     }
@@ -139,7 +140,8 @@ TEST_F(LogFlood, trace_and_connection_logs_are_gated_per_file_and_level) {
     EXPECT_TRUE(comptest::Contains(trace, "left out 15 identical lines in 1 ms: [SysTCPPAS,7]fd=5 closed\n"));
     EXPECT_LT(trace.find("left out"), trace.find("MSG:next")) << "the counts come before the line that found them due";
     const std::string connLog = comptest::ReadFile(conn);
-    EXPECT_EQ(Count(connLog, "INFOMATION:"), comp::log::kDefaultRepeatLimit + 1);
+    EXPECT_EQ(Count(connLog, "ERROR:"), comp::log::kDefaultRepeatLimit + 1);
+    EXPECT_EQ(Count(connLog, "-----ENDC<<<"), 20);
     EXPECT_TRUE(comptest::Contains(connLog, "left out 15 identical lines"));
 }
 

@@ -303,7 +303,7 @@ TEST_P(EngineTest, upkeep_makes_a_removed_fifo_again_under_the_same_descriptor) 
         loop->RunOnce();
     }
     ASSERT_EQ(access(path.c_str(), F_OK), 0) << "not made again" << Logs();
-    EXPECT_LE(passStart - removedAt, comp::kUsecPerSec) << "noticed within a second";
+    EXPECT_LE(passStart - removedAt, comp::kUsecPerSec + 5000) << "noticed within a second (and a pass)";
     EXPECT_TRUE(Logged("[SysTCPxx,")) << Logs();
     EXPECT_TRUE(Logged("FIFO [" + path + "] of descriptor " + std::to_string(fifo) + " was removed; made it again"));
     int unread = 0;
