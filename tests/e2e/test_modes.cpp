@@ -371,6 +371,9 @@ TEST_F(TsTest, burst_of_one_failure_writes_a_few_lines_and_a_summary_with_the_co
 // Out of descriptors, TS logs once, leaves its listener alone for a while
 // instead of spinning on it, and accepts again once descriptors are free.
 TEST_F(TsTest, listener_out_of_descriptors_backs_off_without_spinning_and_recovers) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' own checks and reports need descriptors, which this test uses up";
+#endif
     compOpenFiles = 32;
     StartTs();
     std::vector<comp::UniqueFd> clients;
