@@ -145,10 +145,4 @@ TEST_F(LogFlood, trace_and_connection_log_failures_are_gated_per_file_and_level)
     EXPECT_TRUE(comptest::Contains(connLog, "left out 15 identical lines"));
 }
 
-TEST_F(LogFlood, limit_zero_writes_every_line) {
-    comp::log::SetRepeatLimit(0);
-    for (int i = 0; i < 30; ++i) ErrLog(1000, "same", ERRLOG_FILE, nullptr, 0);
-    EXPECT_EQ(Count(Logs(), "same\n"), 30);
-}
-
 }  // namespace

@@ -247,30 +247,6 @@ TEST_P(EngineTest, paused_descriptor_is_left_out_of_the_waits_until_its_pause_en
     EXPECT_FALSE(loop->Paused(Rd(1)));
 }
 
-// Another file under a registered number: the handler, role and row stay,
-// and the new file is what is waited on.
-TEST_P(EngineTest, refiled_descriptor_keeps_its_number_and_registration) {
-    Watch(0, Role::kFixed);
-    int fresh[2];
-    ASSERT_EQ(pipe2(fresh, O_NONBLOCK | O_CLOEXEC), 0);
-    const int fd = Rd(0);
-    EXPECT_TRUE(loop->Refile(fd, fresh[0]));
-    EXPECT_EQ(fcntl(fresh[0], F_GETFD), -1) << "the descriptor handed in is closed";
-    ASSERT_EQ(write(fresh[1], "x", 1), 1);
-    loop->RunOnce();
-    EXPECT_EQ(seen.ready, std::vector<int>{fd});
-    EXPECT_EQ(loop->RoleOf(fd), Role::kFixed);
-    close(fresh[1]);
-    close(pipes[0][1]);   // the old pipe's reading end went with the refile
-    pipes[0][1] = -1;
-
-    int other[2];
-    ASSERT_EQ(pipe2(other, O_NONBLOCK | O_CLOEXEC), 0);
-    EXPECT_FALSE(loop->Refile(Rd(2), other[0])) << "not registered";
-    EXPECT_EQ(fcntl(other[0], F_GETFD), -1);
-    close(other[1]);
-}
-
 // With upkeep on, a FIFO whose file is removed under the loop is made again
 // within a second, under the same descriptor, with its unread bytes.
 TEST_P(EngineTest, upkeep_makes_a_removed_fifo_again_under_the_same_descriptor) {
