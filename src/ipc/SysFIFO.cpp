@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -372,8 +373,12 @@ int ReopenFifo(int iFd) {
     const int fresh = iOpenFIFO(o.name.c_str(), o.kind);
     if (fresh < 0) return -1;
     // Doorbells and commands written before the file went are still due.
+    // Only what is there is read: a mode may have made the old descriptor
+    // blocking.
+    int left = 0;
+    if (ioctl(iFd, FIONREAD, &left) != 0) left = 0;
     char bytes[512];
-    for (ssize_t n; (n = read(iFd, bytes, sizeof bytes)) > 0;)
+    for (ssize_t n; left > 0 && (n = read(iFd, bytes, std::min<size_t>(sizeof bytes, left))) > 0; left -= n)
         if (write(fresh, bytes, static_cast<size_t>(n)) != n) break;
     ForgetOpened(o.dev, o.ino);
     return fresh;
