@@ -23,6 +23,7 @@
 #include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
+#include "log/LogRepeats.h"
 #include "log/SysTraceLog.h"
 #include "util/StrTools.h"
 
@@ -320,6 +321,11 @@ void SysSetLog(const char* pcName) {
     std::memset(value, 0, sizeof value);
     SysSetTraceSizeLimit(SysGetAppVar("TRC_LOGSIZE_SET", value) == 0 ? std::atol(value) * 1024L
                                                                      : comp::kDefaultTraceSizeLimit);
+    // Identical lines written per second before the rest are counted in a
+    // summary line; 0 writes every line.
+    std::memset(value, 0, sizeof value);
+    comp::log::SetRepeatLimit(SysGetAppVar("COMP_LOG_REPEATS", value) == 0 ? std::atoi(value)
+                                                                           : comp::log::kDefaultRepeatLimit);
 }
 
 // 1 and the entry when it exists, 0 past the last entry. Lines are not

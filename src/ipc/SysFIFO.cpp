@@ -7,13 +7,18 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "base/FdUtil.h"
 #include "base/SysGlobals.h"
@@ -110,6 +115,56 @@ PathKind ExaminePath(const char* pcPath) {
     return S_ISFIFO(st.st_mode) ? kIsFifo : kNotFifo;
 }
 
+// The FIFO files iOpenFIFO opened in this process, newest last, by the
+// file (device and inode) so that a descriptor finds its record whatever
+// number it has. A process opens a handful; the oldest go past the bound.
+struct OpenedFifo {
+    dev_t dev;
+    ino_t ino;
+    int kind;
+    std::string name;
+    std::string path;
+};
+constexpr size_t kOpenedKept = 64;
+std::mutex g_openedMu;
+std::vector<OpenedFifo> g_opened;
+
+void NoteOpened(int iFd, const char* pcName, int iKind, const char* pcPath) {
+    struct stat st {};
+    if (fstat(iFd, &st) != 0) return;
+    std::lock_guard<std::mutex> lock(g_openedMu);
+    g_opened.erase(std::remove_if(g_opened.begin(), g_opened.end(),
+                                  [&](const OpenedFifo& o) { return o.dev == st.st_dev && o.ino == st.st_ino; }),
+                   g_opened.end());
+    if (g_opened.size() >= kOpenedKept) g_opened.erase(g_opened.begin());
+    g_opened.push_back(OpenedFifo{st.st_dev, st.st_ino, iKind, pcName, pcPath});
+}
+
+// The record of the FIFO iFd holds, or false.
+bool FindOpened(int iFd, OpenedFifo* pOut) {
+    struct stat st {};
+    if (fstat(iFd, &st) != 0 || !S_ISFIFO(st.st_mode)) return false;
+    std::lock_guard<std::mutex> lock(g_openedMu);
+    for (auto it = g_opened.rbegin(); it != g_opened.rend(); ++it)
+        if (it->dev == st.st_dev && it->ino == st.st_ino) {
+            *pOut = *it;
+            return true;
+        }
+    return false;
+}
+
+void ForgetOpened(dev_t dev, ino_t ino) {
+    std::lock_guard<std::mutex> lock(g_openedMu);
+    g_opened.erase(std::remove_if(g_opened.begin(), g_opened.end(),
+                                  [&](const OpenedFifo& o) { return o.dev == dev && o.ino == ino; }),
+                   g_opened.end());
+}
+
+const comp::ResetRegistration kForgetOpened([] {
+    std::lock_guard<std::mutex> lock(g_openedMu);
+    g_opened.clear();
+});
+
 }  // namespace
 
 extern "C" {
@@ -139,6 +194,7 @@ int iOpenFIFO(const char* pcName, int iKind) {
         writelog(LOG_ERROR, nullptr, 0, "%s FIFO", caPath);
         return -1;
     }
+    NoteOpened(fd.get(), pcName, iKind, caPath);
     return fd.release();
 }
 
@@ -296,3 +352,36 @@ int SysCleanIpcFileById(const char* pcName, int iKind) {
 }
 
 }  // extern "C"
+
+namespace comp {
+
+FifoFile CheckFifoFile(int iFd, std::string* pPath) {
+    OpenedFifo o;
+    if (!FindOpened(iFd, &o)) return FifoFile::kNotOurs;
+    if (pPath != nullptr) *pPath = o.path;
+    struct stat st {};
+    if (stat(o.path.c_str(), &st) != 0) return errno == ENOENT ? FifoFile::kRemoved : FifoFile::kInPlace;
+    return st.st_dev == o.dev && st.st_ino == o.ino ? FifoFile::kInPlace : FifoFile::kReplaced;
+}
+
+int ReopenFifo(int iFd) {
+    OpenedFifo o;
+    if (!FindOpened(iFd, &o)) {
+        errno = EBADF;
+        return -1;
+    }
+    const int fresh = iOpenFIFO(o.name.c_str(), o.kind);
+    if (fresh < 0) return -1;
+    // Doorbells and commands written before the file went are still due.
+    // Only what is there is read: a mode may have made the old descriptor
+    // blocking.
+    int left = 0;
+    if (ioctl(iFd, FIONREAD, &left) != 0) left = 0;
+    char bytes[512];
+    for (ssize_t n; left > 0 && (n = read(iFd, bytes, std::min<size_t>(sizeof bytes, left))) > 0; left -= n)
+        if (write(fresh, bytes, static_cast<size_t>(n)) != n) break;
+    ForgetOpened(o.dev, o.ino);
+    return fresh;
+}
+
+}  // namespace comp

@@ -18,6 +18,7 @@
 
 #include "base/FdUtil.h"
 #include "log/LogFormat.h"
+#include "log/LogRepeats.h"
 
 namespace {
 
@@ -66,14 +67,20 @@ void WriteToErrorFile(const std::string& body) {
 
     int attempts = 0;
     int fd;
-    while ((fd = open(name.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0777)) < 0) {
+    while ((fd = comp::log::OpenLogFd(name.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0777)) < 0) {
         if (++attempts >= kOpenReportAfter) {
             std::printf("ErrLog.c: fatal error occured !!! error_no is %d\n", errno);
             std::printf("errlog: %s CANNOT OPEN FOR ERROR LOG !!!\n", name.c_str());
         }
+        // Out of descriptors with the reserve gone: only this process could
+        // free one, and it would be waiting here. The record is lost.
+        if (errno == EMFILE) {
+            std::printf("errlog: %s CANNOT OPEN FOR ERROR LOG !!! error_no is %d\n", name.c_str(), errno);
+            return;
+        }
         sleep(1);
     }
-    comp::UniqueFd file(fd);
+    comp::log::LogFd file(fd);
     int lockFailures = 0;
     while (lockf(fd, F_LOCK, 0) != 0) {
         if (++lockFailures >= kLockReportAfter) {
@@ -124,6 +131,31 @@ void WriteToConsole(const std::string& body) {
     comp::WriteAll(fd, body.data(), body.size());
 }
 
+void WriteRecord(int iCode, const char* pcMsg, int iDest, const void* pvDump, int iDumpLen) {
+    std::string body = Body(iCode, pcMsg, pvDump, iDumpLen);
+    if (iDest & ERRLOG_FILE) WriteToErrorFile(body);
+    if (iDest & ERRLOG_TTY) WriteToTty(body);
+    if (iDest & ERRLOG_CONSOLE) WriteToConsole(body);
+}
+
+// The summary of identical records left out, as a record of the same code
+// and destinations. Formatted in a buffer of its own: the caller's message
+// may be g_caMsg.
+void WriteLeftOut(const comp::log::LeftOut& e) {
+    char msg[comp::log::kRepeatTextKept + 128];
+    std::snprintf(msg, sizeof msg, "[%s,%d]left out %d identical lines in %lld ms: %s", SRC_NAME, __LINE__, e.count,
+                  static_cast<long long>(e.spanUsec / 1000), e.text.c_str());
+    WriteRecord(e.level, msg, e.dest, nullptr, 0);
+}
+
+// Whether the gate lets this record through (identical records: the same
+// code, destinations, message and dump).
+bool AdmitRecord(int iCode, const char* pcMsg, int iDest, const void* pvDump, int iDumpLen) {
+    const std::string_view text = pcMsg ? pcMsg : "";
+    return comp::log::AdmitLine(comp::log::LineKey('E', {}, iCode * 8 + iDest, text, pvDump, iDumpLen),
+                                comp::log::LineInfo{WriteLeftOut, {}, iCode, iDest, text});
+}
+
 int AppendToRunLog(const char* pcFile, const char* pcText) {
     const char* run = getenv("RUNDIR");
     char path[512];
@@ -159,10 +191,9 @@ extern "C" {
 int ErrLog(int iCode, const char* pcMsg, int iDest, const void* pvDump, int iDumpLen) {
     if (iCode >= 1 && iCode <= 998 && !g_iDebugSwitch) return 0;
     g_iRtnErrno = iCode;
-    std::string body = Body(iCode, pcMsg, pvDump, iDumpLen);
-    if (iDest & ERRLOG_FILE) WriteToErrorFile(body);
-    if (iDest & ERRLOG_TTY) WriteToTty(body);
-    if (iDest & ERRLOG_CONSOLE) WriteToConsole(body);
+    // A record that ends the process is always written.
+    if (iCode < 30000 && !AdmitRecord(iCode, pcMsg, iDest, pvDump, iDumpLen)) return 0;
+    WriteRecord(iCode, pcMsg, iDest, pvDump, iDumpLen);
     if (iCode >= 30000) AbendRtn();
     return 0;
 }

@@ -1,5 +1,11 @@
 #include "log/LogFormat.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -73,5 +79,53 @@ void AppendFormat(std::string& out, int iMax, const char* pcFmt, ...) {
     if (n > iMax) n = iMax;
     out.append(buf.data(), static_cast<size_t>(n));
 }
+
+namespace {
+
+// Highest number the reserve is moved up to: above it the kernel's table of
+// descriptors would grow for nothing.
+constexpr int kReserveCeiling = 1023;
+int g_reserve = -1;
+
+}  // namespace
+
+// Takes the reserve, moved to the top of the limit (where it stands out of
+// the way of numbers handed out lowest first).
+void TakeReserve() {
+    if (g_reserve >= 0) return;
+    const int saved = errno;
+    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    rlimit lim{};
+    if (fd >= 0 && getrlimit(RLIMIT_NOFILE, &lim) == 0) {
+        const long top = std::min<long>(static_cast<long>(lim.rlim_cur) - 1, kReserveCeiling);
+        if (fd < top) {
+            const int high = fcntl(fd, F_DUPFD_CLOEXEC, static_cast<int>(top));
+            if (high >= 0) {
+                close(fd);
+                fd = high;
+            }
+        }
+    }
+    g_reserve = fd;
+    errno = saved;
+}
+
+int OpenLogFd(const char* pcPath, int iFlags, mode_t mode) {
+    TakeReserve();
+    int fd = open(pcPath, iFlags | O_CLOEXEC, mode);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE) && g_reserve >= 0) {
+        close(g_reserve);
+        g_reserve = -1;
+        fd = open(pcPath, iFlags | O_CLOEXEC, mode);
+    }
+    return fd;
+}
+
+void CloseLogFd(int iFd) {
+    if (iFd >= 0) close(iFd);
+    TakeReserve();
+}
+
+int ReserveFd() { return g_reserve; }
 
 }  // namespace comp::log

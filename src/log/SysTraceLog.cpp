@@ -21,6 +21,7 @@
 #include "base/SysGlobals.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
+#include "log/LogRepeats.h"
 
 namespace {
 
@@ -75,6 +76,59 @@ int VWriteLog(int iLevel, const char* pcFile, const void* pvData, int iLen, cons
         return -1;
     }
     return 0;
+}
+
+// One entry, written under the file's lock; the file moved aside once it
+// has reached its size limit.
+int WriteEntry(int iLevel, const char* pcPath, const void* pvData, int iLen, const char* pcText) {
+    int failures = 0;
+    int fd;
+    while ((fd = comp::log::OpenLogFd(pcPath, O_WRONLY | O_CREAT, 0777)) < 0) {
+        if (++failures >= kOpenAttempts) {
+            PrintFatal(__LINE__);
+            return -1;
+        }
+        usleep(100);
+    }
+    comp::log::LogFd file(fd);
+    while (lockf(fd, F_LOCK, 0) != 0) {
+        if (++failures >= kOpenAttempts) PrintFatal(__LINE__);
+        usleep(100);
+    }
+    off_t sizeBefore = lseek(fd, 0, SEEK_END);
+    if (sizeBefore < 0) {
+        PrintFatal(__LINE__);
+        return -1;
+    }
+    // The entry is assembled first and written with one call, so a reader
+    // never sees half an entry even without taking the lock.
+    std::string entry = LevelPrefix(iLevel);
+    AppendEntry(entry, iLevel, pcText, pvData, iLen);
+    comp::WriteAll(fd, entry.data(), entry.size());
+
+    if (sizeBefore >= Settings().lTraceSizeLimit) {
+        std::string bak = std::string(pcPath) + comp::log::TimeStamp14() + ".bak";
+        if (rename(pcPath, bak.c_str()) != 0) PrintFatal(__LINE__);
+    }
+    return 0;
+}
+
+// The summary of identical entries left out, an entry of the same level in
+// the same file.
+void WriteLeftOut(const comp::log::LeftOut& e) {
+    char text[comp::log::kRepeatTextKept + 128];
+    std::snprintf(text, sizeof text, "[%s,%d]left out %d identical lines in %lld ms: %s", SRC_NAME, __LINE__,
+                  e.count, static_cast<long long>(e.spanUsec / 1000), e.text.c_str());
+    WriteEntry(e.level, e.where.c_str(), nullptr, 0, text);
+}
+
+// Whether the gate lets this entry through (identical entries: the same
+// file, level, text and dump).
+bool AdmitEntry(int iLevel, const char* pcPath, const void* pvData, int iLen, const char* pcText) {
+    const std::string_view text = pcText ? pcText : "";
+    const std::string_view where = pcPath ? pcPath : "";
+    return comp::log::AdmitLine(comp::log::LineKey('T', where, iLevel, text, pvData, iLen),
+                                comp::log::LineInfo{WriteLeftOut, where, iLevel, 0, text});
 }
 
 }  // namespace
@@ -149,37 +203,13 @@ int logDispErrMsg(int iFd, int iLevel, const char* pcText, const void* pvData, i
 int SysWriteLog(int iLevel, const char* pcPath, const void* pvData, int iLen, const char* pcText) {
     if (iLevel < Settings().iTraceLevel) return 0;
     if (iLen > kMaxDump) iLen = kMaxDump;
-
-    int failures = 0;
-    int fd;
-    while ((fd = open(pcPath, O_WRONLY | O_CREAT, 0777)) < 0) {
-        if (++failures >= kOpenAttempts) {
-            PrintFatal(__LINE__);
-            return -1;
-        }
-        usleep(100);
-    }
-    comp::UniqueFd file(fd);
-    while (lockf(fd, F_LOCK, 0) != 0) {
-        if (++failures >= kOpenAttempts) PrintFatal(__LINE__);
-        usleep(100);
-    }
-    off_t sizeBefore = lseek(fd, 0, SEEK_END);
-    if (sizeBefore < 0) {
-        PrintFatal(__LINE__);
-        return -1;
-    }
-    // The entry is assembled first and written with one call, so a reader
-    // never sees half an entry even without taking the lock.
-    std::string entry = LevelPrefix(iLevel);
-    AppendEntry(entry, iLevel, pcText, pvData, iLen);
-    comp::WriteAll(fd, entry.data(), entry.size());
-
-    if (sizeBefore >= Settings().lTraceSizeLimit) {
-        std::string bak = std::string(pcPath) + comp::log::TimeStamp14() + ".bak";
-        if (rename(pcPath, bak.c_str()) != 0) PrintFatal(__LINE__);
-    }
-    return 0;
+    // Only failures are gated: the entries of the normal flow (a connection
+    // log's separators, "N001 to Tranp") repeat by nature.
+    if (iLevel < LOG_ERROR)
+        comp::log::FlushRepeats();   // the counts that are due still come first
+    else if (!AdmitEntry(iLevel, pcPath, pvData, iLen, pcText))
+        return 0;
+    return WriteEntry(iLevel, pcPath, pvData, iLen, pcText);
 }
 
 int writelog(int iLevel, const void* pvData, int iLen, const char* pcFmt, ...) {

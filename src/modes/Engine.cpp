@@ -7,10 +7,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "comp/SysComPub.h"
+#include "ipc/SysFIFO.h"
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
+#include "log/LogFormat.h"
+#include "log/LogRepeats.h"
 
 namespace comp {
 
@@ -39,11 +43,17 @@ Loop::Loop(const Spec& stSpec, const Hooks& stHooks)
       ownPoller_(stSpec.pPoller ? nullptr : MakePoller(stSpec.eBackend)),
       poller_(stSpec.pPoller ? stSpec.pPoller : ownPoller_.get()),
       slots_(static_cast<size_t>(std::max(stSpec.iTableSize, 0))),
-      holdUntil_(slots_.size(), 0) {
+      holdUntil_(slots_.size(), 0),
+      pauseUntil_(slots_.size(), 0),
+      repairFailures_(slots_.size(), 0) {
     sigemptyset(&usr1_);
     sigaddset(&usr1_, SIGUSR1);
     candidates_.reserve(slots_.size() + 1);
     Tick();
+    if (spec_.bUpkeep) {
+        nextUpkeep_ = (now_ / kUsecPerSec + 1) * kUsecPerSec;
+        log::TakeReserve();   // before connections can use the descriptors up
+    }
 }
 
 Loop::~Loop() {
@@ -66,7 +76,12 @@ bool Loop::Watch(int iFd, Role eRole, Handler pfHandler, void* pvCtx) {
 
 void Loop::Forget(int iFd) {
     Slot& s = slots_[iFd];
-    poller_->Remove(iFd);
+    if (pauseUntil_[iFd] != 0) {
+        pauseUntil_[iFd] = 0;
+        --pausedCount_;
+    } else {
+        poller_->Remove(iFd);
+    }
     if (s.role == Role::kConn) --connCount_;
     s = Slot{Role::kFree, s.epoch + 1, nullptr, nullptr};
     while (high_ >= 0 && slots_[high_].role == Role::kFree) --high_;
@@ -122,8 +137,48 @@ void Loop::ReleaseHold(int iFd) {
 
 void Loop::Quit() {
     if (hooks_.quit) hooks_.quit(hooks_.ctx);
+    log::FlushRepeats(true);
     if (seam::g_pLoopDriver != nullptr) seam::g_pLoopDriver->Quit();
     SysComQuit();
+}
+
+void Loop::Pause(int iFd, int64_t lUntilUsec) {
+    if (!Watched(iFd)) return;
+    if (pauseUntil_[iFd] == 0) {
+        poller_->Remove(iFd);
+        ++pausedCount_;
+    }
+    pauseUntil_[iFd] = std::max<int64_t>(lUntilUsec, 1);
+}
+
+bool Loop::Paused(int iFd) const { return Watched(iFd) && pauseUntil_[iFd] != 0; }
+
+void Loop::Resume(int iFd) {
+    if (!Paused(iFd)) return;
+    pauseUntil_[iFd] = 0;
+    --pausedCount_;
+    // A backend that refuses the descriptor now is asked again in a second,
+    // rather than leaving it registered and never waited on.
+    if (!poller_->Add(iFd)) Pause(iFd, now_ + kUsecPerSec);
+}
+
+bool Loop::Refile(int iFd, int iNewFd) {
+    if (iNewFd == iFd) return Watched(iFd);
+    if (!Watched(iFd)) {
+        if (iNewFd >= 0) close(iNewFd);
+        return false;
+    }
+    const bool waited = pauseUntil_[iFd] == 0;
+    if (waited) poller_->Remove(iFd);
+    const bool moved = iNewFd >= 0 && dup2(iNewFd, iFd) == iFd;
+    if (iNewFd >= 0) close(iNewFd);
+    // What was seen ready on the old file is not served as the new one's.
+    ++slots_[iFd].epoch;
+    if (waited && !poller_->Add(iFd)) {
+        ++pausedCount_;
+        pauseUntil_[iFd] = now_ + kUsecPerSec;
+    }
+    return moved;
 }
 
 // ---- time -----------------------------------------------------------------
@@ -209,9 +264,15 @@ void Loop::IdleScan() {
         Slot& s = slots_[fd];
         if (s.role == Role::kFree) continue;
         if (s.role == Role::kConn && hooks_.idle && !hooks_.idle(hooks_.ctx, fd, now_)) continue;
-        if (gather && slots_[fd].role != Role::kFree) candidates_.push_back(fd);
+        if (gather && slots_[fd].role != Role::kFree && pauseUntil_[fd] == 0) candidates_.push_back(fd);
     }
     ExpireHolds();
+}
+
+void Loop::ExpirePauses() {
+    if (pausedCount_ == 0) return;
+    for (int fd = 0; fd <= high_ && pausedCount_ > 0; ++fd)
+        if (pauseUntil_[fd] != 0 && pauseUntil_[fd] <= now_) Resume(fd);
 }
 
 void Loop::ExpireHolds() {
@@ -228,6 +289,10 @@ int64_t Loop::WaitTimeout() const {
     for (const Timer& t : timers_) deadline = std::min(deadline, t.due);
     if ((hooks_.idle && connCount_ > 0) || heldCount_ > 0)
         deadline = std::min(deadline, (now_ / kUsecPerSec + 1) * kUsecPerSec);
+    deadline = std::min(deadline, nextUpkeep_);
+    if (pausedCount_ > 0)
+        for (int fd = 0; fd <= high_; ++fd)
+            if (pauseUntil_[fd] != 0) deadline = std::min(deadline, pauseUntil_[fd]);
     if (pidFd_ < 0) deadline = std::min(deadline, now_ + kParentPollUsec);
     if (deadline == kNever) return -1;
     return std::max<int64_t>(deadline - now_, 0);
@@ -249,7 +314,7 @@ void Loop::Dispatch() {
         // A handler may have closed this descriptor, or its number may have
         // been taken again, since the wait.
         Slot& s = slots_[fd];
-        if (s.role == Role::kFree || s.epoch != readyEpoch_[i]) continue;
+        if (s.role == Role::kFree || s.epoch != readyEpoch_[i] || pauseUntil_[fd] != 0) continue;
         s.fn(s.ctx, fd, ready_[i].events);
     }
 }
@@ -270,13 +335,15 @@ int Loop::RunOnce() {
         ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
         Quit();
     }
+    if (now_ >= nextUpkeep_) Upkeep();
+    ExpirePauses();
     RunPhase(Phase::kBeforeWait);
     if (IdleScanDue()) {
         IdleScan();
     } else if (poller_->NeedsCandidates()) {
         candidates_.clear();
         for (int fd = 0; fd <= high_; ++fd)
-            if (slots_[fd].role != Role::kFree) candidates_.push_back(fd);
+            if (slots_[fd].role != Role::kFree && pauseUntil_[fd] == 0) candidates_.push_back(fd);
     }
     if (pidFd_ >= 0 && poller_->NeedsCandidates()) candidates_.push_back(pidFd_);
 
@@ -307,6 +374,46 @@ int Loop::RunOnce() {
     if (fixed) iSetSignalMask(&old);
     RunPhase(Phase::kAfterUnmask);
     return 0;
+}
+
+// ---- upkeep ---------------------------------------------------------------
+
+// Once a second (at whole seconds, where the deadline style wakes anyway
+// while connections are idle-tested): the counts of log lines left out are
+// written, and every FIFO the loop waits on is checked against its path.
+void Loop::Upkeep() {
+    nextUpkeep_ = (now_ / kUsecPerSec + 1) * kUsecPerSec;
+    log::FlushRepeats();
+    for (int fd = 0; fd <= high_; ++fd)
+        if (slots_[fd].role == Role::kFixed) RepairFifo(fd);
+}
+
+// A FIFO whose file was removed (or replaced) under the process can no
+// longer be rung by anyone: the route would go silent with nothing logged.
+// It is made again at its path and put under the same descriptor, with the
+// bytes still unread in the old one carried over.
+void Loop::RepairFifo(int iFd) {
+    std::string path;
+    const FifoFile state = CheckFifoFile(iFd, &path);
+    if (state == FifoFile::kInPlace || state == FifoFile::kNotOurs) {
+        repairFailures_[iFd] = 0;
+        return;
+    }
+    const char* how = state == FifoFile::kRemoved ? "was removed" : "was replaced by another file";
+    const int fresh = ReopenFifo(iFd);
+    const int err = errno;
+    if (fresh >= 0 && Refile(iFd, fresh)) {
+        repairFailures_[iFd] = 0;
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]FIFO [%s] of descriptor %d %s; made it again", spec_.pcSrc,
+                      __LINE__, path.c_str(), iFd, how);
+        ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+        return;
+    }
+    // Tried every second; said the first time and once a minute after.
+    if (repairFailures_[iFd]++ % 60 != 0) return;
+    std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]FIFO [%s] of descriptor %d %s and cannot be made again.errno=%d,errmsg=[%s]",
+                  spec_.pcSrc, __LINE__, path.c_str(), iFd, how, err, std::strerror(err));
+    ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
 }
 
 int Loop::Run() {

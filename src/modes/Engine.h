@@ -112,6 +112,10 @@ public:
         const char* pcWaitFailFmt = "[%s,%d]select error.errno=%d,errmsg=[%s]";
         Clock* pClock = nullptr;       // null: the system clock
         Poller* pPoller = nullptr;     // a backend of the caller's (tests); null: eBackend's
+        // Once a second: the FIFOs this process opened are made again when
+        // their files were removed, and the log's counts of lines left out
+        // are written (see Upkeep). ModeLoopSpec turns it on for every mode.
+        bool bUpkeep = false;
     };
 
     Loop(const Spec& stSpec, const Hooks& stHooks);
@@ -144,6 +148,19 @@ public:
     // The mode's clean-up, then the platform's quit (logoff, exit 0).
     [[noreturn]] void Quit();
 
+    // Leaves a registered descriptor out of the waits until lUntilUsec (its
+    // registration stays; what is ready on it meanwhile is served after).
+    // Pausing a paused descriptor moves its end.
+    void Pause(int iFd, int64_t lUntilUsec);
+    bool Paused(int iFd) const;
+    void Resume(int iFd);
+    // Puts the open file of iNewFd under the number iFd, which keeps its
+    // registration, role and row; iNewFd is closed. For a file that must be
+    // opened again under a descriptor the mode already knows (a FIFO made
+    // again). False when iFd is not registered or the move fails (iNewFd is
+    // closed either way).
+    bool Refile(int iFd, int iNewFd);
+
     // ---- time -------------------------------------------------------------
     // Time-driven work: runs in its phase and returns when it wants to run
     // next (kNever: not until re-armed). The fixed style runs it on every
@@ -172,6 +189,8 @@ public:
     int RunOnce();
 
     int TableSize() const { return spec_.iTableSize; }
+    // The source name of the mode's lines (the "[%s,%d]" slot).
+    const char* Source() const { return spec_.pcSrc; }
     WaitStyle Style() const { return spec_.eStyle; }
     void SetRows(RowOwner* pRows) { rows_ = pRows; }
 
@@ -200,6 +219,9 @@ private:
     bool IdleScanDue() const;
     void IdleScan();
     void ExpireHolds();
+    void ExpirePauses();
+    void Upkeep();
+    void RepairFifo(int iFd);
     int64_t WaitTimeout() const;
     void Dispatch();
     void Forget(int iFd);
@@ -218,6 +240,10 @@ private:
     std::vector<uint32_t> readyEpoch_;
     std::vector<int64_t> holdUntil_;       // by descriptor; 0: not held
     int heldCount_ = 0;
+    std::vector<int64_t> pauseUntil_;      // by descriptor; 0: waited on
+    int pausedCount_ = 0;
+    int64_t nextUpkeep_ = kNever;          // bUpkeep: the next whole second
+    std::vector<int> repairFailures_;      // by descriptor: FIFO repairs that failed in a row
     int connCount_ = 0;
     int high_ = -1;                        // highest registered descriptor
     int64_t now_ = 0;

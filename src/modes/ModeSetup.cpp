@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -50,6 +51,7 @@ Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, i
     spec.lWaitUsec = lWaitUsec;
     spec.eStyle = ConfiguredWaitStyle();
     spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? eDeadlineBackend : eFixedBackend;
+    spec.bUpkeep = true;
     if (seam::g_pLoopDriver != nullptr) spec.pClock = seam::g_pLoopDriver->clock();
     return spec;
 }
@@ -115,6 +117,7 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         a.outcome = AcceptOutcome::kReportFailed;
         return a;
     }
+    if (stSpec.pPacer != nullptr) stSpec.pPacer->AfterAccept(a.fd.valid() ? 0 : a.err);
     if (!a.fd.valid()) {
         errno = a.err;
         a.outcome = AcceptOutcome::kAcceptFailed;
@@ -156,6 +159,77 @@ bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const A
     std::snprintf(g_caMsg, sizeof g_caMsg, fmt, pcSrc, __LINE__, a.err, std::strerror(a.err));
     ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
     return false;
+}
+
+bool OutOfDescriptors(int iErr) { return iErr == EMFILE || iErr == ENFILE || iErr == ENOBUFS || iErr == ENOMEM; }
+
+// EAGAIN (the client went, or another process took it), an aborted
+// connection and an interrupted call say nothing about descriptors: the
+// back-off stays as it is.
+void AcceptPacer::Note(Loop& loop, int iErr) {
+    if (iErr == EAGAIN || iErr == EWOULDBLOCK || iErr == ECONNABORTED || iErr == EINTR) return;
+    const int64_t now = loop.NowUsec();
+    if (!OutOfDescriptors(iErr)) {
+        if (pause_ != 0) {
+            std::snprintf(g_caMsg, sizeof g_caMsg,
+                          "[%s,%d]accepting again: a descriptor was free after %d accepts failed for want of one "
+                          "in %lld ms",
+                          loop.Source(), __LINE__, failures_, static_cast<long long>((now - since_) / 1000));
+            ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+        }
+        pause_ = 0;
+        failures_ = 0;
+        return;
+    }
+    if (pause_ == 0) {
+        since_ = now;
+        std::snprintf(g_caMsg, sizeof g_caMsg,
+                      "[%s,%d]no descriptor for a new connection.errno=%d,errmsg=[%s]; accepts paused for %lld ms, "
+                      "then at growing intervals up to %lld ms until one is free",
+                      loop.Source(), __LINE__, iErr, std::strerror(iErr),
+                      static_cast<long long>(kFirstPauseUsec / 1000), static_cast<long long>(kMaxPauseUsec / 1000));
+        ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
+    }
+    ++failures_;
+    pause_ = pause_ == 0 ? kFirstPauseUsec : std::min(pause_ * 2, kMaxPauseUsec);
+    until_ = now + pause_;
+}
+
+void AcceptPacer::AfterAccept(Loop& loop, int iListenFd, int iErr) {
+    Note(loop, iErr);
+    if (pause_ != 0 && OutOfDescriptors(iErr)) loop.Pause(iListenFd, until_);
+}
+
+void AcceptPacer::AfterAccept(int iErr) {
+    if (loop_ == nullptr) return;
+    Note(*loop_, iErr);
+    if (held_ > 0) loop_->SetDue(timer_, until_);
+}
+
+void AcceptPacer::Command(Loop& loop, void (*pfAccept)(void*), void* pvCtx) {
+    if (timer_ < 0) {
+        loop_ = &loop;
+        timer_ = loop.AddTimer(Phase::kBeforeWait, &AcceptPacer::ServeHeld, this, Loop::kNever);
+    }
+    accept_ = pfAccept;
+    ctx_ = pvCtx;
+    if (held_ == 0 && (pause_ == 0 || loop.NowUsec() >= until_)) {
+        pfAccept(pvCtx);
+        return;
+    }
+    ++held_;
+    loop.SetDue(timer_, until_);
+}
+
+// Serves the commands held during a pause once it is over; an accept that
+// fails again for want of a descriptor starts the next, longer pause.
+int64_t AcceptPacer::ServeHeld(void* pvSelf, int64_t lNowUsec) {
+    AcceptPacer& p = *static_cast<AcceptPacer*>(pvSelf);
+    while (p.held_ > 0 && (p.pause_ == 0 || lNowUsec >= p.until_)) {
+        --p.held_;
+        p.accept_(p.ctx_);
+    }
+    return p.held_ > 0 ? p.until_ : Loop::kNever;
 }
 
 PreHdlOutcome RunInputPreHandling(const char* pcSrc, const char* pcRouteId, const char* pcName, int iFd,

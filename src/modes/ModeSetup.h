@@ -67,10 +67,59 @@ enum class AcceptOutcome {
     kNoBlockFailed,   // making it non-blocking failed (err)
     kPeerFailed,      // the peer address could not be read
 };
+// ---- accepting while descriptors run out ----------------------------------
+
+// An accept that fails because the process or the host has no descriptor
+// left (EMFILE, ENFILE), or the kernel no memory for a socket (ENOBUFS,
+// ENOMEM), leaves the client in the listen queue: the listener stays
+// readable, and a mode that tried again at once would spin on it.
+bool OutOfDescriptors(int iErr);
+
+// Paces a mode's accepts while descriptors are short. After such a failure
+// no connection is taken for 10 ms, doubling with each failure in a row up to
+// 500 ms (below the time Commonp gives an instance to report an accept); the
+// first accept that gets a descriptor, or fails for another reason, ends it.
+// The accept's own lines stay as they are; the pacer says once that it backs
+// off and once that accepting works again. Nothing changes while descriptors
+// are available.
+class AcceptPacer {
+public:
+    static constexpr int64_t kFirstPauseUsec = 10'000;
+    static constexpr int64_t kMaxPauseUsec = 500'000;
+
+    // A mode with a listener of its own: after every accept, with 0 or the
+    // accept's errno. While backing off the listener is paused.
+    void AfterAccept(Loop& loop, int iListenFd, int iErr);
+    // A mode that accepts on command: the control FIFO said "0". The accept
+    // routine runs now, or, while backing off, when the pause is over (the
+    // control FIFO is read on meanwhile, so a quit is not held up).
+    void Command(Loop& loop, void (*pfAccept)(void*), void* pvCtx);
+    // What an accept on command gave (AcceptOnCommand tells it).
+    void AfterAccept(int iErr);
+    bool BackingOff() const { return pause_ != 0; }
+    int64_t PauseUsec() const { return pause_; }
+    int Held() const { return held_; }
+
+private:
+    void Note(Loop& loop, int iErr);
+    static int64_t ServeHeld(void* pvSelf, int64_t lNowUsec);
+
+    Loop* loop_ = nullptr;
+    int64_t pause_ = 0;        // the current pause; 0: not backing off
+    int64_t until_ = 0;        // when the current pause ends
+    int64_t since_ = 0;        // the first failure of this back-off
+    int failures_ = 0;         // failed accepts of this back-off
+    int timer_ = -1;           // serves held commands (command modes)
+    int held_ = 0;             // "0" commands waiting for the pause to end
+    void (*accept_)(void*) = nullptr;
+    void* ctx_ = nullptr;
+};
+
 struct AcceptSpec {
     bool bShortRcvTimeo = false;   // a 5-microsecond SO_RCVTIMEO on the listener first
     bool bPeerByGetpeer = false;   // plain accept, then the peer from getpeername
     bool bNonBlock = true;
+    AcceptPacer* pPacer = nullptr; // told what every accept gave
 };
 // A connection taken from the shared listener on the "0" command. Until the
 // mode adopts it, the descriptor is owned here and closed on every way out.

@@ -109,6 +109,7 @@ struct Fwb {
     Remote remote;
     comp::SockTable<FwbEntry> rows;   // pstSockList
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;         // paces accepts while descriptors run out
     int idleTimer = -1, reconnTimer = -1, beatTimer = -1;
     QueueMsg buf;                     // one message at a time, either way
 };
@@ -252,7 +253,9 @@ int64_t FwbReconnect(Fwb& f, int64_t) {
 
 void FwbAccept(Fwb& f) {
     comp::Accepted a;
-    if (!comp::AcceptOnCommandLogged(SRC_NAME, *f.loop, f.listenFd, comp::AcceptSpec{}, &a)) return;
+    comp::AcceptSpec how;
+    how.pPacer = &f.accepts;
+    if (!comp::AcceptOnCommandLogged(SRC_NAME, *f.loop, f.listenFd, how, &a)) return;
     const int fd = a.fd.get();
     if (SysRegConnection(a.ip, a.port, &f.route, fd, 1) < 0) {
         COMP_ERRLOG("[%s,%d]SysRegConnection error", SRC_NAME, __LINE__);
@@ -291,7 +294,7 @@ void FwbAccept(Fwb& f) {
 
 void FwbControl(Fwb& f, int fd, unsigned) {
     if (comp::ReadControlCmd(SRC_NAME, fd, true) == comp::ControlCmd::kQuit) f.loop->Quit();
-    FwbAccept(f);
+    f.accepts.Command(*f.loop, comp::Fn<FwbAccept>, &f);
 }
 
 void FwbFromServer(Fwb& f, int fd, unsigned ev) {

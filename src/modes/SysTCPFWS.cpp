@@ -76,6 +76,7 @@ struct Fws {
     long pid = 0;                        // queue message type of everything sent to TranP
     comp::SockTable<FwsEntry> rows;      // pstSockList
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;         // paces accepts while descriptors run out
     std::unique_ptr<ConnNode[]> nodes;   // the clients of a closing connection
     QueueMsg buf;
 };
@@ -145,7 +146,9 @@ bool FwsIdle(Fws& s, int fd, int64_t now) {
 
 void FwsAccept(Fws& s) {
     comp::Accepted a;
-    if (!comp::AcceptOnCommandLogged(SRC_NAME, *s.loop, s.listenFd, comp::AcceptSpec{}, &a)) return;
+    comp::AcceptSpec how;
+    how.pPacer = &s.accepts;
+    if (!comp::AcceptOnCommandLogged(SRC_NAME, *s.loop, s.listenFd, how, &a)) return;
     const int fd = a.fd.get();
     if (SysRegConnection(a.ip, a.port, &s.route, fd, 1) < 0) {
         COMP_ERRLOG("[%s,%d]SysRegConnection error", SRC_NAME, __LINE__);
@@ -169,7 +172,7 @@ void FwsAccept(Fws& s) {
 
 void FwsControl(Fws& s, int fd, unsigned) {
     if (comp::ReadControlCmd(SRC_NAME, fd, true) == comp::ControlCmd::kQuit) s.loop->Quit();
-    FwsAccept(s);
+    s.accepts.Command(*s.loop, comp::Fn<FwsAccept>, &s);
 }
 
 // TranP's answer names the forwarder connection (header offset 16) and the

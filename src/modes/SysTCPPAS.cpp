@@ -92,6 +92,7 @@ struct Pas {
     int beatTimer = -1;
     comp::SockTable<PasEntry> rows;   // pstSockList
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;         // paces accepts while descriptors run out
     QueueMsg buf;                 // a client's or TranP's message
     QueueMsg peerBuf;             // peer requests and answers
 };
@@ -210,7 +211,7 @@ int64_t PasStillAlive(Pas& p, int64_t now) {
 
 void PasControl(Pas& p, int fd, unsigned) {
     if (comp::ReadControlCmd(SRC_NAME, fd, true) == comp::ControlCmd::kQuit) p.loop->Quit();
-    PasAccept(p);
+    p.accepts.Command(*p.loop, comp::Fn<PasAccept>, &p);
 }
 
 // One client from the shared listener. The listener gets a 5-microsecond
@@ -220,6 +221,7 @@ void PasAccept(Pas& p) {
     comp::AcceptSpec how;
     how.bShortRcvTimeo = true;
     how.bNonBlock = false;   // after the address check
+    how.pPacer = &p.accepts;
     comp::Accepted a = comp::AcceptOnCommand(p.listenFd, p.loop->TableSize(), how);
     switch (a.outcome) {
         case comp::AcceptOutcome::kReportFailed:

@@ -90,6 +90,7 @@ struct Passyn {
     int taskQid = -1;
     comp::SockTable<SynsEntry> rows;      // pSockSynsList
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;         // paces accepts while descriptors run out
     int pushTimer = -1;
     QueueMsg in;                          // a client frame or TranP's message
     QueueMsg task;                        // the task that answers a client
@@ -297,7 +298,9 @@ void FirstPoll(Passyn& ps, int fd) {
 }
 
 void Accept(Passyn& ps) {
-    comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), comp::AcceptSpec{});
+    comp::AcceptSpec how;
+    how.pPacer = &ps.accepts;
+    comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), how);
     switch (a.outcome) {
         case comp::AcceptOutcome::kReportFailed:
             wlog("SysTellCommonp error");
@@ -345,7 +348,7 @@ void Accept(Passyn& ps) {
 
 void PassynControl(Passyn& ps, int fd, unsigned) {
     if (comp::ReadControlCmd(SRC_NAME, fd, true) == comp::ControlCmd::kAccept)
-        Accept(ps);
+        ps.accepts.Command(*ps.loop, comp::Fn<Accept>, &ps);
     else
         ps.loop->Quit();
 }

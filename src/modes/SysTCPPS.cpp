@@ -64,6 +64,7 @@ struct Ps {
     comp::ModeFifos fifos;
     comp::SockTable<PsEntry> rows;     // pstSockList
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;         // paces accepts while descriptors run out
     int liveTimer = -1;
     QueueMsg buf;
 };
@@ -149,13 +150,14 @@ bool PsIdle(Ps& ps, int fd, int64_t now) {
 
 void PsControl(Ps& ps, int fd, unsigned) {
     if (comp::ReadControlCmd(SRC_NAME, fd, true) == comp::ControlCmd::kQuit) ps.loop->Quit();
-    PsAccept(ps);
+    ps.accepts.Command(*ps.loop, comp::Fn<PsAccept>, &ps);
 }
 
 // A client waits on the shared listener: take it, and tell Commonp whatever
 // the accept gave.
 void PsAccept(Ps& ps) {
     comp::AcceptSpec spec;
+    spec.pPacer = &ps.accepts;
     spec.bPeerByGetpeer = true;
     comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), spec);
     switch (a.outcome) {

@@ -83,6 +83,7 @@ struct Ts {
     comp::SockTable<SockEntry> rows;    // pstSockList
     std::vector<int> pending;           // requests forwarded and not yet answered, by descriptor
     std::optional<comp::Loop> loop;
+    comp::AcceptPacer accepts;          // paces the listener while descriptors run out
     QueueMsg buf;                       // one request or answer at a time
     char logPrefix[128] = {0};          // "$HOME/runs/log/com_<route name>_"; the peer IP and ".log" follow
     LowWater lowWater = LowWater::kUnknown;
@@ -194,10 +195,11 @@ void TsAccept(Ts& ts, int fd, unsigned) {
     int port = 0;
     // Non-blocking from the accept itself.
     comp::UniqueFd conn(SockAcceptInfoFlags(fd, ip, &port, SOCK_NONBLOCK));
-    if (!conn.valid()) {
-        COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
-        return;
-    }
+    const int err = conn.valid() ? 0 : errno;
+    if (!conn.valid())
+        COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, err, std::strerror(err));
+    ts.accepts.AfterAccept(*ts.loop, fd, err);
+    if (!conn.valid()) return;
     if (conn.get() >= ts.loop->TableSize()) {
         COMP_ERRLOG("[%s,%d]Too many communication node.", SRC_NAME, __LINE__);
         return;

@@ -8,6 +8,7 @@
 
 #include "UnitFixture.h"
 #include "config/FileOpApp.h"
+#include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
 
 namespace {
@@ -209,6 +210,26 @@ TEST_F(AppCfg, SetLogTakesThresholdAndSizeLimitFromAppVars) {
     SysSetLog(run.file("log/com_x").c_str());
     EXPECT_EQ(st.iTraceLevel, 1);
     EXPECT_TRUE(Logged("[TRC_LOGSIZE_SET] is not found in [APPVARS]"));
+}
+
+// COMP_LOG_REPEATS: identical lines written per second (0: all).
+TEST_F(AppCfg, SetLogTakesTheRepeatLimitFromAppVars) {
+    auto written = [&](const char* text) {
+        for (int i = 0; i < 10; ++i) ErrLog(1000, text, ERRLOG_FILE, nullptr, 0);
+        const std::string logs = Logs(), line = std::string(text) + "\n";
+        int n = 0;
+        for (size_t p = logs.find(line); p != std::string::npos; p = logs.find(line, p + 1)) ++n;
+        return n;
+    };
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\nCOMP_LOG_REPEATS 2\n[]\n");
+    SysSetLog(run.file("log/com_x").c_str());
+    EXPECT_EQ(written("two of these"), 2);
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\nCOMP_LOG_REPEATS 0\n[]\n");
+    SysSetLog(run.file("log/com_x").c_str());
+    EXPECT_EQ(written("all of these"), 10);
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\n[]\n");
+    SysSetLog(run.file("log/com_x").c_str());
+    EXPECT_EQ(written("five of these"), 5);
 }
 
 }  // namespace

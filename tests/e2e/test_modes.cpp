@@ -6,6 +6,9 @@
 #include <sys/socket.h>
 
 #include <filesystem>
+#include <regex>
+#include <sstream>
+#include <vector>
 
 #include "ModeFixture.h"
 #include "ipc/SysConnReg.h"
@@ -310,6 +313,85 @@ TEST_F(TsTest, quit_command_logs_off_and_ends_with_status_0) {
     EXPECT_NE(AllLogs().find("[SysTCPTS,"), std::string::npos) << "the loop's lines name the mode";
     EXPECT_FALSE(std::filesystem::exists(run.file("fifo/1_" + std::to_string(pid))))
         << "the notification FIFO is removed";
+}
+
+// ---- TS keeps serving through faults around it ------------------------------
+
+// CPU time (user and system) comp has used so far, in clock ticks.
+long CpuTicks(pid_t p) {
+    const std::string stat = comptest::ReadFile("/proc/" + std::to_string(p) + "/stat");
+    std::istringstream in(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && in >> field; ++i) {
+        if (i == 14) utime = std::stol(field);
+        if (i == 15) stime = std::stol(field);
+    }
+    return utime + stime;
+}
+
+// Removed by an operator's clean-up, the doorbell FIFO is made again and the
+// answers reach their clients again.
+TEST_F(TsTest, removed_notification_fifo_is_made_again_and_the_route_recovers) {
+    StartTs();
+    const std::string fifo = run.file("fifo/1_" + std::to_string(pid));
+    ASSERT_EQ(unlink(fifo.c_str()), 0);
+    const int64_t removed = kit::NowMs();
+    ASSERT_TRUE(AwaitLog("[" + fifo + "] of descriptor ", 1, 3000)) << AllLogs();
+    EXPECT_LE(kit::NowMs() - removed, 1500) << "noticed within a second";
+    EXPECT_TRUE(Logged({"was removed; made it again"})) << AllLogs();
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+    ExpectExchange("after");
+}
+
+// A burst of one failure: every client past the table is refused with the
+// same line; a few are written, the rest counted in summary lines.
+TEST_F(TsTest, burst_of_one_failure_writes_a_few_lines_and_a_summary_with_the_count) {
+    vars["MAX_COM_NUM"] = "16";
+    StartTs();
+    constexpr int kClients = 80;
+    std::vector<comp::UniqueFd> clients;
+    for (int i = 0; i < kClients; ++i) clients.push_back(comptest::Connect(port));
+    ASSERT_TRUE(AwaitLog("left out ", 1, 5000)) << AllLogs();
+    const std::string logs = AllLogs();
+    const std::regex line("Message:\n\\[SysTCPTS,[0-9]+\\]Too many communication node\\.\n");
+    const std::regex summary("left out ([0-9]+) identical lines in [0-9]+ ms: \\[SysTCPTS,[0-9]+\\]Too many");
+    const long written = std::distance(std::sregex_iterator(logs.begin(), logs.end(), line), std::sregex_iterator());
+    long leftOut = 0, summaries = 0;
+    for (auto it = std::sregex_iterator(logs.begin(), logs.end(), summary); it != std::sregex_iterator(); ++it) {
+        leftOut += std::stol((*it)[1]);
+        ++summaries;
+    }
+    EXPECT_GE(written, 1);
+    EXPECT_LE(written, 5 * (summaries + 1)) << "a few a second";
+    EXPECT_GE(written + leftOut, kClients - 16) << "every refused client is written or counted";
+    EXPECT_LE(written + leftOut, kClients);
+}
+
+// Out of descriptors, TS logs once, leaves its listener alone for a while
+// instead of spinning on it, and accepts again once descriptors are free.
+TEST_F(TsTest, listener_out_of_descriptors_backs_off_without_spinning_and_recovers) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' own checks and reports need descriptors, which this test uses up";
+#endif
+    compOpenFiles = 32;
+    StartTs();
+    std::vector<comp::UniqueFd> clients;
+    for (int i = 0; i < 48 && LogCount("]no descriptor for a new connection") == 0; ++i) {
+        clients.push_back(comptest::Connect(port));
+        kit::SleepMs(5);
+    }
+    ASSERT_TRUE(AwaitLog("]no descriptor for a new connection.errno=24", 1, 3000)) << AllLogs();
+    const long before = CpuTicks(pid);
+    kit::SleepMs(1500);
+    const long used = CpuTicks(pid) - before;
+    EXPECT_LE(used, sysconf(_SC_CLK_TCK) / 4) << "CPU ticks in 1.5 s while backing off";
+    EXPECT_EQ(LogCount("]no descriptor for a new connection"), 1) << "said once";
+
+    clients.clear();
+    ASSERT_TRUE(AwaitLog("]accepting again: a descriptor was free after ", 1, 5000)) << AllLogs();
+    ExpectExchange("after");
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "comp still runs";
 }
 
 class TcTest : public ModeTest {

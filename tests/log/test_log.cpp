@@ -201,7 +201,8 @@ TEST_F(ErrLogTest, RotationAndBackupNames) {
     EXPECT_NE(ReadFile(today + ".bak").find("goes with the old file"), npos);
 
     setenv("TRC_BACKUP", "TRUE", 1);
-    for (int i = 0; i < 4; ++i) ErrLog(1000, line.c_str(), ERRLOG_FILE, nullptr, 0);
+    // Different lines: identical ones would be counted, not written, after a few.
+    for (int i = 0; i < 4; ++i) ErrLog(1000, (line + std::to_string(i)).c_str(), ERRLOG_FILE, nullptr, 0);
     bool stamped = false;
     for (auto& e : fs::directory_iterator(run.file("log")))
         stamped |= std::regex_match(e.path().filename().string(), std::regex("err_[0-9]{8}\\.log[0-9]{14}\\.bak"));

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 
 #include <optional>
@@ -12,6 +13,7 @@
 #include <tuple>
 
 #include "UnitFixture.h"
+#include "ipc/SysFIFO.h"
 #include "modes/Engine.h"
 #include "modes/ModeSetup.h"
 
@@ -219,6 +221,81 @@ TEST_P(EngineTest, held_number_is_not_given_out_until_released_or_expired) {
     fresh = open("/dev/null", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(fresh, std::min(held, expiring)) << "the lowest number is free again";
     close(fresh);
+}
+
+// A paused descriptor is not waited on; what came meanwhile is served once
+// the pause is over.
+TEST_P(EngineTest, paused_descriptor_is_left_out_of_the_waits_until_its_pause_ends) {
+    Watch(0, Role::kFixed);
+    Watch(1, Role::kConn);
+    Poke(0);
+    Poke(1);
+    const int64_t end = loop->NowUsec() + 50'000;
+    loop->Pause(Rd(0), end);
+    loop->RunOnce();
+    EXPECT_EQ(seen.ready, std::vector<int>{Rd(1)});
+    EXPECT_TRUE(loop->Paused(Rd(0)));
+    clock.Advance(end - clock.NowUsec());
+    loop->RunOnce();
+    EXPECT_FALSE(loop->Paused(Rd(0)));
+    EXPECT_EQ(seen.ready, (std::vector<int>{Rd(1), Rd(0)}));
+
+    // A close ends a pause with the registration.
+    loop->Pause(Rd(1), end + comp::kUsecPerSec);
+    loop->Close(Rd(1));
+    pipes[1][0] = -1;
+    EXPECT_FALSE(loop->Paused(Rd(1)));
+}
+
+// With upkeep on, a FIFO whose file is removed under the loop is made again
+// within a second, under the same descriptor, with its unread bytes.
+TEST_P(EngineTest, upkeep_makes_a_removed_fifo_again_under_the_same_descriptor) {
+    Loop::Spec spec;
+    spec.pcSrc = "SysTCPxx";
+    spec.iTableSize = kTable;
+    spec.lWaitUsec = 1000;
+    spec.eBackend = std::get<0>(GetParam());
+    spec.eStyle = std::get<1>(GetParam());
+    spec.pClock = &clock;
+    spec.bUpkeep = true;
+    loop.emplace(spec, Loop::Hooks{&seen, nullptr, comp::Fn<OnClose>, nullptr, nullptr});
+    const int fifo = iOpenFIFO("4242", comp::kFifoPidNotify);
+    ASSERT_GE(fifo, 0);
+    ASSERT_TRUE(loop->Watch(fifo, Role::kFixed, comp::Fn<OnReady>, &seen));
+    const std::string path = run.file("fifo/1_4242");
+    // Two doorbells not yet read; paused, so that they are still there when
+    // the file is made again.
+    ASSERT_EQ(write(fifo, "01", 2), 2);
+    loop->Pause(fifo, clock.NowUsec() + 3600 * comp::kUsecPerSec);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    const int64_t removedAt = clock.NowUsec();
+
+    // The deadline style wakes for it at the next whole second. The upkeep
+    // runs at the start of a pass, before the pass waits again.
+    int64_t passStart = removedAt;
+    for (int i = 0; i < 2000 && access(path.c_str(), F_OK) != 0; ++i) {
+        if (std::get<1>(GetParam()) == WaitStyle::kFixed) clock.Advance(1000);
+        passStart = clock.NowUsec();
+        loop->RunOnce();
+    }
+    ASSERT_EQ(access(path.c_str(), F_OK), 0) << "not made again" << Logs();
+    EXPECT_LE(passStart - removedAt, comp::kUsecPerSec + 5000) << "noticed within a second (and a pass)";
+    EXPECT_TRUE(Logged("[SysTCPxx,")) << Logs();
+    EXPECT_TRUE(Logged("FIFO [" + path + "] of descriptor " + std::to_string(fifo) + " was removed; made it again"));
+    int unread = 0;
+    ASSERT_EQ(ioctl(fifo, FIONREAD, &unread), 0);
+    EXPECT_EQ(unread, 2) << "the doorbells rung before were carried over";
+
+    // Rung from outside by its path, it is served under its old number.
+    loop->Resume(fifo);
+    int ring = iConnectFIFO("4242", comp::kFifoPidNotify);
+    ASSERT_GE(ring, 0);
+    ASSERT_EQ(iWriteFIFO(ring), 0);
+    close(ring);
+    loop->RunOnce();
+    EXPECT_EQ(seen.ready, std::vector<int>{fifo});
+    loop.reset();
+    close(fifo);
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, EngineTest,

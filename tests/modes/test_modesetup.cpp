@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/msg.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "Loopback.h"
@@ -160,6 +161,140 @@ TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_
     EXPECT_TRUE(Logged("]Too many communication node.errno="));
     EXPECT_FALSE(over.fd.valid()) << "a refused connection is closed";
     EXPECT_EQ(Reports(), 3);
+}
+
+// ---- pacing accepts while descriptors run out -------------------------------
+
+void Nothing(int&, int, unsigned) {}
+
+comp::Loop::Spec PacedSpec(comp::Clock* clock, comp::WaitStyle style) {
+    comp::Loop::Spec spec;
+    spec.pcSrc = "Src";
+    spec.iTableSize = 1024;
+    spec.pClock = clock;
+    spec.eStyle = style;
+    spec.eBackend = comp::Backend::kEpoll;
+    return spec;
+}
+
+TEST_F(ModeSetupTest, pacer_pauses_a_listener_longer_with_each_accept_that_finds_no_descriptor) {
+    comp::ManualClock clock;
+    comp::Loop loop(PacedSpec(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
+    int port = 0, ctx = 0;
+    comp::UniqueFd lsn(comptest::ListenLoopback(&port));
+    ASSERT_TRUE(loop.Watch(lsn.get(), comp::Role::kFixed, comp::Fn<Nothing>, &ctx));
+    comp::AcceptPacer pacer;
+
+    pacer.AfterAccept(loop, lsn.get(), 0);
+    EXPECT_FALSE(pacer.BackingOff()) << "nothing changes while descriptors are there";
+    std::vector<int64_t> pauses;
+    for (int err : {EMFILE, ENFILE, EMFILE, EMFILE, EMFILE, EMFILE, EMFILE, EMFILE}) {
+        pacer.AfterAccept(loop, lsn.get(), err);
+        ASSERT_TRUE(loop.Paused(lsn.get()));
+        pauses.push_back(pacer.PauseUsec() / 1000);
+        clock.Advance(pacer.PauseUsec());
+        loop.RunOnce();
+        EXPECT_FALSE(loop.Paused(lsn.get())) << "waited on again once the pause is over";
+    }
+    EXPECT_EQ(pauses, (std::vector<int64_t>{10, 20, 40, 80, 160, 320, 500, 500}));
+    pacer.AfterAccept(loop, lsn.get(), EAGAIN);
+    EXPECT_TRUE(pacer.BackingOff()) << "a client that went says nothing about descriptors";
+    EXPECT_FALSE(loop.Paused(lsn.get()));
+
+    pacer.AfterAccept(loop, lsn.get(), 0);
+    EXPECT_FALSE(pacer.BackingOff());
+    const std::string logs = Logs();
+    EXPECT_TRUE(comptest::Contains(logs, "[Src,"));
+    EXPECT_TRUE(comptest::Contains(logs, "]no descriptor for a new connection.errno=24,errmsg=[Too many open files]; accepts "
+                               "paused for 10 ms, then at growing intervals up to 500 ms until one is free"));
+    EXPECT_EQ(logs.find("no descriptor"), logs.rfind("no descriptor")) << "said once";
+    EXPECT_TRUE(comptest::Contains(logs, "]accepting again: a descriptor was free after 8 accepts failed for want of one in "
+                               "1630 ms"));
+}
+
+struct Commanded {
+    comp::AcceptPacer pacer;
+    int accepts = 0;
+    int err = EMFILE;
+};
+void CommandedAccept(Commanded& c) {
+    ++c.accepts;
+    c.pacer.AfterAccept(c.err);
+}
+
+// On command: a "0" that comes while backing off is held and served when
+// the pause is over; one that fails again starts a longer pause.
+TEST_F(ModeSetupTest, pacer_holds_accept_commands_until_the_pause_is_over) {
+    for (comp::WaitStyle style : {comp::WaitStyle::kFixed, comp::WaitStyle::kDeadline}) {
+        comp::ManualClock clock;
+        comp::Loop loop(PacedSpec(&clock, style), comp::Loop::Hooks{});
+        Commanded c;
+        auto command = [&] { c.pacer.Command(loop, comp::Fn<CommandedAccept>, &c); };
+        command();
+        EXPECT_EQ(c.accepts, 1) << "the first runs at once";
+        EXPECT_TRUE(c.pacer.BackingOff());
+        command();
+        command();
+        EXPECT_EQ(c.accepts, 1);
+        EXPECT_EQ(c.pacer.Held(), 2);
+        clock.Advance(9'000);
+        loop.RunOnce();
+        EXPECT_EQ(c.accepts, 1) << "the pause is not over";
+
+        clock.Advance(1'000);
+        loop.RunOnce();
+        EXPECT_EQ(c.accepts, 2) << "served at the end of the pause, and failed again";
+        EXPECT_EQ(c.pacer.Held(), 1);
+        EXPECT_EQ(c.pacer.PauseUsec(), 20'000);
+
+        c.err = 0;
+        clock.Advance(20'000);
+        loop.RunOnce();
+        EXPECT_EQ(c.accepts, 3);
+        EXPECT_EQ(c.pacer.Held(), 0);
+        EXPECT_FALSE(c.pacer.BackingOff());
+        command();
+        EXPECT_EQ(c.accepts, 4) << "at once again";
+    }
+    EXPECT_EQ(Reports(), 0);
+}
+
+TEST_F(ModeSetupTest, accept_on_command_tells_its_pacer) {
+    comp::ManualClock clock;
+    comp::Loop loop(PacedSpec(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
+    int port = 0;
+    comp::UniqueFd lsn(comptest::ListenLoopback(&port));
+    struct Ctx {
+        comp::AcceptPacer pacer;
+        int listen;
+        comp::Accepted a;
+    } ctx{{}, lsn.get(), {}};
+    auto accept = [](void* p) {
+        Ctx& c = *static_cast<Ctx*>(p);
+        comp::AcceptSpec how;
+        how.pPacer = &c.pacer;
+        c.a = comp::AcceptOnCommand(c.listen, 1024, how);
+    };
+    // With the descriptors used up, accept fails with EMFILE.
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    comp::UniqueFd client = comptest::DialLoopback(port);
+    int high = dup(0);
+    rlimit tight{static_cast<rlim_t>(high + 1), old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    ctx.pacer.Command(loop, accept, &ctx);
+    setrlimit(RLIMIT_NOFILE, &old);
+    close(high);
+    EXPECT_EQ(ctx.a.err, EMFILE);
+    EXPECT_TRUE(ctx.pacer.BackingOff());
+    EXPECT_EQ(Reports(), 1) << "reported all the same";
+
+    clock.Advance(comp::AcceptPacer::kFirstPauseUsec);
+    ctx.pacer.Command(loop, accept, &ctx);
+    loop.RunOnce();
+    EXPECT_EQ(ctx.a.outcome, comp::AcceptOutcome::kOk);
+    EXPECT_FALSE(ctx.pacer.BackingOff());
+    EXPECT_EQ(Reports(), 1);
 }
 
 TEST_F(ModeSetupTest, control_commands_quit_accept_or_end_on_a_bad_byte) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,6 +57,13 @@ pid_t Spawn(const SpawnOptions& plan, std::string* why) {
             dup2(out, STDERR_FILENO);
         }
         if (plan.inheritFd >= 0) SetCloseOnExec(plan.inheritFd, false);
+        if (plan.openFiles > 0) {
+            const rlimit lim{static_cast<rlim_t>(plan.openFiles), static_cast<rlim_t>(plan.openFiles)};
+            if (setrlimit(RLIMIT_NOFILE, &lim) != 0) {
+                dprintf(STDERR_FILENO, "setrlimit RLIMIT_NOFILE %ld: %s\n", plan.openFiles, std::strerror(errno));
+                _exit(127);
+            }
+        }
         for (const std::string& e : plan.env) putenv(const_cast<char*>(e.c_str()));
         execv(plan.path.c_str(), argv.data());
         dprintf(STDERR_FILENO, "exec %s: %s\n", plan.path.c_str(), std::strerror(errno));

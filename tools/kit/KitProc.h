@@ -16,6 +16,7 @@ struct SpawnOptions {
     bool ownGroup = true;            // own process group: a terminal's Ctrl-C reaches only us
     bool dieWithParent = true;       // SIGTERM to the child when this process ends
     std::vector<std::string> env;    // "NAME=value" set in the child's environment
+    long openFiles = 0;              // > 0: the child's RLIMIT_NOFILE (soft and hard)
 };
 
 // Forks and executes; the child's pid, or -1 with the reason. An exec failure

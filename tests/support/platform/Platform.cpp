@@ -268,6 +268,7 @@ size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::
     plan.outputPath = p.outputPath;
     plan.env = env;
     plan.inheritFd = inheritFd;
+    plan.openFiles = compOpenFiles;
     std::string why;
     p.pid = kit::Spawn(plan, &why);
     EXPECT_GT(p.pid, 0) << why;

@@ -72,6 +72,8 @@ protected:
     // inheritFd: a descriptor comp keeps across exec (a shared listener).
     size_t StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                      int inheritFd = -1);
+    // > 0: comp is started with this RLIMIT_NOFILE.
+    long compOpenFiles = 0;
     // The environment that runs comp under libfaketime with its clock going
     // `speed` times as fast ({} when libfaketime is not installed).
     static std::vector<std::string> FastClock(int speed);
