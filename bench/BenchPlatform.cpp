@@ -17,7 +17,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -68,11 +67,11 @@ std::string SysCfgText(key_t base) {
 
 // A route row; upperPort 0 leaves IPPORTUPPER empty.
 std::string RouteLine(int route, const char* name, const char* sndType, int port, int idle = 30, int upperPort = 0,
-                      const char* beatSwitch = "-") {
+                      const char* beatSwitch = "-", int reconn = 5) {
     char line[256];
-    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 5 127.0.0.1:%d %s %s\n", route, name,
-                  sndType, idle, port, upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-",
-                  beatSwitch);
+    std::snprintf(line, sizeof line, "%d 1 %s %s %d 4 4 0 0 0 0 4 4 1 4 0 M 60 %d 127.0.0.1:%d %s %s\n", route, name,
+                  sndType, idle, reconn, port,
+                  upperPort > 0 ? ("127.0.0.1:" + std::to_string(upperPort)).c_str() : "-", beatSwitch);
     return line;
 }
 
@@ -94,12 +93,13 @@ std::string TablesCfgText(const BenchRoutes& r, const BenchExtras& x) {
                     "MSGTYPECHARLEN SEQINTEL ROUTEMSGFLAG BEATINTERVAL RECONNINTERVAL IPPORT IPPORTUPPER BEATSWITCH\n";
     s += RouteLine(r.tsRoute, "bench-ts", "0", r.tsPort);
     s += RouteLine(r.baseRoute, "bench-base", "0", r.basePort);
+    s += RouteLine(r.tsDeadlineRoute, "bench-tsdl", "0", r.tsDeadlinePort);
     s += RouteLine(r.tcRoute, "bench-tc", "1", r.tcServerPort);
     s += RouteLine(r.fwbRoute, "bench-fwb", "0", r.fwbPort, 3600, r.fwsPort);
     s += RouteLine(r.fwsRoute, "bench-fws", "0", r.fwsPort, 3600);
     s += RouteLine(r.pairRoute, "bench-pair", "0", r.pairUpperPort, 3600);
     for (const BenchExtras::Route& e : x.routes)
-        s += RouteLine(e.id, e.name.c_str(), "0", e.port, e.idleTimeout, 0, "0");
+        s += RouteLine(e.id, e.name.c_str(), e.sndType.c_str(), e.port, e.idleTimeout, 0, "0", e.reconnInterval);
     s += "[PLAT_STATICROUTEINF]\n"
          "ROUTEID ROUTEMONID ROUTENAME MSGSNDTYPE IDLETIMEOUT HEADERLEN MSGLENGETLEN MSGLENGETOFFSET MSGLENGETTYPE "
          "MSGLENINTEL MSGLENADJUST MSGTYPEGETLEN MSGTYPEGETOFFSET MSGTYPEGETTYPE MSGTYPECHARLEN SEQINTEL "
@@ -116,8 +116,9 @@ std::string KitCfgText(const BenchRoutes& r, const BenchExtras& x) {
         return "route " + std::to_string(route) + " SysTCPFWS echo listen 127.0.0.1:" + std::to_string(port) + "\n";
     };
     std::string s = "route " + std::to_string(r.tsRoute) + " SysTCPTS echo\n" + "route " +
-                    std::to_string(r.baseRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) +
-                    " SysTCPTC\n" + fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
+                    std::to_string(r.baseRoute) + " SysTCPTS echo\n" + "route " + std::to_string(r.tsDeadlineRoute) +
+                    " SysTCPTS echo\n" + "route " + std::to_string(r.tcRoute) + " SysTCPTC\n" +
+                    fws(r.fwsRoute, r.fwsPort) + fws(r.pairRoute, r.pairUpperPort);
     for (const BenchExtras::Route& e : x.routes) s += e.kitLine + "\n";
     return s;
 }
@@ -140,6 +141,24 @@ int FreeLoopbackPort() {
         getsockname(fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
         return -1;
     return ntohs(sa.sin_port);
+}
+
+std::vector<int> FreeLoopbackPorts(size_t n) {
+    // All bound at once, so that the kernel cannot hand out one port twice.
+    std::vector<kit::UniqueFd> held;
+    std::vector<int> ports;
+    for (size_t i = 0; i < n; ++i) {
+        held.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof sa;
+        if (!held.back().valid() || bind(held.back().get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+            getsockname(held.back().get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+            return {};
+        ports.push_back(ntohs(sa.sin_port));
+    }
+    return ports;
 }
 
 bool WriteTextFile(const std::string& path, const std::string& text, std::string* why) {
@@ -182,16 +201,18 @@ bool BenchPlatform::Create(int logLevel, std::string* why) {
     envSet_ = true;
     kit::DirectLogs(runDir_, "bench");
 
-    std::set<int> ports;
-    for (int* p : {&routes_.tsPort, &routes_.basePort, &routes_.tcServerPort, &routes_.fwbPort, &routes_.fwsPort,
-                   &routes_.pairFrontPort, &routes_.pairUpperPort, &routes_.stationPeerPort,
-                   &routes_.baseStationPeerPort})
-        ports.insert(*p = FreeLoopbackPort());
-    if (*ports.begin() <= 0 || ports.size() != 9) {
+    const auto wanted = {&routes_.tsPort,         &routes_.basePort,       &routes_.tsDeadlinePort,
+                         &routes_.tcServerPort,   &routes_.fwbPort,        &routes_.fwsPort,
+                         &routes_.pairFrontPort,  &routes_.pairUpperPort,  &routes_.stationPeerPort,
+                         &routes_.baseStationPeerPort};
+    const std::vector<int> ports = FreeLoopbackPorts(wanted.size());
+    if (ports.size() != wanted.size()) {
         *why = "no free loopback ports";
         Destroy();
         return false;
     }
+    auto port = ports.begin();
+    for (int* p : wanted) *p = *port++;
     for (int attempt = 0; attempt < kKeyAttempts && !up_; ++attempt) {
         keyBase_ = KeyBase(attempt);
         if (!KeysFree(keyBase_)) continue;

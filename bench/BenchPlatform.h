@@ -13,12 +13,14 @@ namespace bench {
 // The routes of the bench platform. Every route frames with a 4-byte header
 // holding the body length in decimal digits.
 struct BenchRoutes {
-    int tsRoute = 10;     // comp SysTCPTS, echoed by the router
-    int baseRoute = 11;   // the baseline relay, echoed the same way
-    int tcRoute = 20;     // comp SysTCPTC, only ever idle
-    int tsPort = 0;       // loopback listen ports (0: picked free)
+    int tsRoute = 10;          // comp SysTCPTS (bench_ts: in the fixed wait), echoed by the router
+    int baseRoute = 11;        // the baseline relay, echoed the same way
+    int tsDeadlineRoute = 12;  // comp SysTCPTS in the deadline wait (bench_ts), echoed the same way
+    int tcRoute = 20;          // comp SysTCPTC, only ever idle
+    int tsPort = 0;            // loopback listen ports (0: picked free)
     int basePort = 0;
-    int tcServerPort = 0; // where TC would connect; nothing listens there
+    int tsDeadlinePort = 0;
+    int tcServerPort = 0;      // where TC would connect; nothing listens there
     // The forwarder pair (bench_fw): FWB's clients arrive on fwbPort, its
     // link goes to FWS on fwsPort; the baseline relay pair likewise on
     // pairFrontPort and pairUpperPort. The router echoes routes 61 and 62.
@@ -35,9 +37,9 @@ struct BenchRoutes {
     int baseStationPeerPort = 0;
 };
 
-// What one benchmark adds to the platform before Create(): server routes
-// of its own (MSGSNDTYPE 0, heartbeats off, the same framing), a larger
-// socket table, and application variables.
+// What one benchmark adds to the platform before Create(): routes of its own
+// (server routes unless said otherwise, heartbeats off, the same framing), a
+// larger socket table, and application variables.
 struct BenchExtras {
     struct Route {
         int id = 0;
@@ -45,6 +47,8 @@ struct BenchExtras {
         int port = 0;            // the route's IPPORT on 127.0.0.1
         int idleTimeout = 30;
         std::string kitLine;     // its compkit.cfg line ("route ID MODE echo ...")
+        std::string sndType = "0";   // MSGSNDTYPE: "1" for a client route
+        int reconnInterval = 5;      // RECONNINTERVAL
     };
     std::vector<Route> routes;
     int maxComNum = 1024;        // MAX_COM_NUM
@@ -112,6 +116,9 @@ private:
 
 // A loopback TCP port that was free a moment ago, or -1.
 int FreeLoopbackPort();
+// n distinct loopback TCP ports that were free a moment ago; empty when they
+// cannot be had.
+std::vector<int> FreeLoopbackPorts(size_t n);
 
 // Writes a whole text file; false with the reason.
 bool WriteTextFile(const std::string& path, const std::string& text, std::string* why);

@@ -29,6 +29,8 @@ public:
     // (its pid may belong to another process by now).
     void Stop(pid_t pid, const std::string& controlFifo = "");
     bool Alive(pid_t pid);
+    // Forgets a child that was waited for elsewhere.
+    void Forget(pid_t pid) { kids_.erase(pid); }
 
 private:
     struct Kid {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -27,6 +28,26 @@ constexpr int kPauseAfterFailureMs = 1;
 constexpr size_t kLatencyReserve = 1 << 17;
 
 std::string Failure(const char* step) { return std::string(step) + ": " + std::strerror(errno); }
+
+// connect() on a socket with a send time-out. A wait it makes can end in
+// EINTR without a signal of the process's own (a freeze of its cgroup does
+// that), while the kernel goes on making the connection: then the socket is
+// waited for until it is writable, within the time-out, and its outcome read.
+bool ConnectWithin(int fd, const sockaddr_in& addr, int timeoutMs) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return true;
+    if (errno != EINTR) return false;
+    pollfd p{fd, POLLOUT, 0};
+    int n;
+    while ((n = poll(&p, 1, timeoutMs)) < 0 && errno == EINTR) {
+    }
+    if (n == 0) errno = ETIMEDOUT;
+    if (n <= 0) return false;
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return false;
+    errno = err;
+    return err == 0;
+}
 
 // Reads one whole answer and checks that it is the request itself.
 bool ReadAnswer(const LoadOptions& opt, int fd, std::vector<char>& answer, std::string* error) {
@@ -70,7 +91,7 @@ bool Exchange(const LoadOptions& opt, const sockaddr_in& addr, std::vector<char>
     timeval tv{opt.ioTimeoutMs / 1000, (opt.ioTimeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    if (!ConnectWithin(fd, addr, opt.ioTimeoutMs)) {
         *error = Failure("connect");
         return false;
     }
@@ -174,7 +195,7 @@ void PersistentClient(const LoadOptions& opt, const sockaddr_in& addr, const std
     };
     bool ok = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
               setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0 &&
-              connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 && once();
+              ConnectWithin(fd, addr, opt.ioTimeoutMs) && once();
     if (!ok) {
         ++tally->failures;
         tally->firstError = error.empty() ? Failure("connect") : error;

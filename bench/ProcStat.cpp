@@ -1,5 +1,6 @@
 #include "ProcStat.h"
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -40,7 +41,31 @@ std::optional<uint64_t> ParseStatTicks(std::string_view text) {
     return std::nullopt;
 }
 
+namespace {
+
+std::optional<double> SchedstatMicros(pid_t pid) {
+    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return std::nullopt;
+    uint64_t ns = 0;
+    bool any = false;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        auto text = kit::ReadWholeFile(dir + "/" + e->d_name + "/schedstat");
+        auto v = text ? ParseSchedStat(*text) : std::nullopt;
+        if (!v) continue;   // a thread that ended meanwhile
+        ns += v->runNs;
+        any = true;
+    }
+    closedir(d);
+    if (!any) return std::nullopt;
+    return static_cast<double>(ns) / 1000.0;
+}
+
+}  // namespace
+
 std::optional<double> ProcessCpuMicros(pid_t pid) {
+    if (auto us = SchedstatMicros(pid)) return us;
     auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
     if (!text) return std::nullopt;
     auto ticks = ParseStatTicks(*text);
@@ -108,6 +133,51 @@ std::optional<SchedTimes> ProcessSchedTimes(pid_t pid) {
     auto text = kit::ReadWholeFile("/proc/" + std::to_string(pid) + "/schedstat");
     if (!text) return std::nullopt;
     return ParseSchedStat(*text);
+}
+
+// A table row is "name calls errors total min avg max stddev"; rows follow
+// a line of dashes and end at the first line that is not such a row.
+std::map<std::string, SyscallTally> ParsePerfTraceSummary(std::string_view text) {
+    std::map<std::string, SyscallTally> out;
+    bool inTable = false;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t eol = text.find('\n', pos);
+        std::string_view line = text.substr(pos, eol == std::string_view::npos ? std::string_view::npos : eol - pos);
+        pos = eol == std::string_view::npos ? text.size() : eol + 1;
+        size_t first = line.find_first_not_of(' ');
+        if (first == std::string_view::npos) {
+            inTable = false;
+            continue;
+        }
+        line.remove_prefix(first);
+        if (line.rfind("---", 0) == 0) {
+            inTable = true;
+            continue;
+        }
+        if (!inTable) continue;
+        std::string_view words[3];
+        size_t i = 0;
+        for (std::string_view& w : words) {
+            while (i < line.size() && line[i] == ' ') ++i;
+            size_t end = line.find(' ', i);
+            w = line.substr(i, end == std::string_view::npos ? std::string_view::npos : end - i);
+            i = end == std::string_view::npos ? line.size() : end;
+        }
+        uint64_t calls = 0, errors = 0;
+        auto num = [](std::string_view w, uint64_t& v) {
+            auto [p, ec] = std::from_chars(w.data(), w.data() + w.size(), v);
+            return !w.empty() && ec == std::errc() && p == w.data() + w.size();
+        };
+        if (words[0].empty() || !num(words[1], calls) || !num(words[2], errors)) {
+            inTable = false;
+            continue;
+        }
+        SyscallTally& t = out[std::string(words[0])];
+        t.calls += calls;
+        t.errors += errors;
+    }
+    return out;
 }
 
 void CpuMeter::start() {

@@ -5,7 +5,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace bench {
@@ -15,7 +17,10 @@ namespace bench {
 // the last ')'. nullopt when the text does not have them.
 std::optional<uint64_t> ParseStatTicks(std::string_view statText);
 
-// CPU time used so far by a process, in microseconds; nullopt when it is gone.
+// CPU time used so far by a process, in microseconds: the sum of its
+// threads' schedstat run times, which count to the nanosecond (an idle
+// instance uses less than one clock tick in seconds); utime + stime from
+// /proc/<pid>/stat where schedstat is not available. nullopt when it is gone.
 std::optional<double> ProcessCpuMicros(pid_t pid);
 
 // Context switches of a process so far (voluntary + involuntary, from
@@ -44,6 +49,13 @@ struct SchedTimes {
 };
 std::optional<SchedTimes> ParseSchedStat(std::string_view text);
 std::optional<SchedTimes> ProcessSchedTimes(pid_t pid);
+
+// System calls of a process by name, from the summary `perf trace -s`
+// prints (one table per thread, summed here).
+struct SyscallTally {
+    uint64_t calls = 0, errors = 0;
+};
+std::map<std::string, SyscallTally> ParsePerfTraceSummary(std::string_view text);
 
 // CPU of one process over a stretch of time.
 class CpuMeter {

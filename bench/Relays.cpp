@@ -43,10 +43,45 @@ void Put(char* text, int off, T v) {
     std::memcpy(text + off, &v, sizeof v);
 }
 
+// The 64-byte PlatMsg header of a network message of msgLen bytes.
+void PutNetHeader(char* text, int msgLen, pid_t pid, int route, int sock, int port, const char* ip) {
+    std::memset(text, 0, plat::kHeaderLen);
+    Put<uint16_t>(text, plat::kTotalLen, static_cast<uint16_t>(plat::kHeaderLen + msgLen));
+    Put<uint16_t>(text, plat::kKind, plat::kKindNet);
+    Put<int32_t>(text, plat::kPid, pid);
+    Put<int32_t>(text, plat::kPid2, pid);
+    Put<uint16_t>(text, plat::kRoute, static_cast<uint16_t>(route));
+    Put<uint16_t>(text, plat::kRoute2, static_cast<uint16_t>(route));
+    Put<int32_t>(text, plat::kSock, sock);
+    Put<int32_t>(text, plat::kSock2, sock);
+    Put<int32_t>(text, plat::kPort, port);
+    std::memcpy(text + plat::kIp, ip, 16);
+    std::memcpy(text + plat::kIp2, ip, 16);
+    text[plat::kFlag] = 'M';
+}
+
 constexpr int kPollMs = 200;          // how often a quiet loop looks at the stop flag
 constexpr int kMaxConns = 1024;       // descriptors the relay serves
 constexpr int kListenBacklog = 128;   // as the bench platform's KERNEL_BACKLOG
 constexpr int kIpLen = 16;
+
+// The FIFO RUNDIR/fifo/<name>, opened to be read without waiting; removed by
+// the caller.
+bool MakeFifo(const std::string& runDir, const std::string& name, std::string* path, kit::UniqueFd* fd,
+              std::string* why) {
+    const std::string p = runDir + "/fifo/" + name;
+    if (mkfifo(p.c_str(), 0644) != 0 && errno != EEXIST) {
+        *why = p + ": " + std::strerror(errno);
+        return false;
+    }
+    *path = p;
+    fd->reset(open(p.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (!fd->valid()) {
+        *why = p + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
 
 // A listening socket on 127.0.0.1:port.
 bool ListenLoopback(int port, kit::UniqueFd* out, std::string* why) {
@@ -71,18 +106,7 @@ bool ListenLoopback(int port, kit::UniqueFd* out, std::string* why) {
 
 // The FIFO "1_<pid>", opened to be read without waiting; removed by the caller.
 bool MakeBell(const std::string& runDir, pid_t pid, std::string* path, kit::UniqueFd* fd, std::string* why) {
-    const std::string p = runDir + "/fifo/" + std::to_string(comp::kFifoPidNotify) + "_" + std::to_string(pid);
-    if (mkfifo(p.c_str(), 0644) != 0 && errno != EEXIST) {
-        *why = p + ": " + std::strerror(errno);
-        return false;
-    }
-    *path = p;
-    fd->reset(open(p.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    if (!fd->valid()) {
-        *why = p + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return MakeFifo(runDir, std::to_string(comp::kFifoPidNotify) + "_" + std::to_string(pid), path, fd, why);
 }
 
 // The baseline relay's state: one queue buffer, the connections by descriptor.
@@ -182,19 +206,7 @@ void BaselineRelay::Request(int fd) {
         }
     }
     Conn& c = conns_[fd];
-    std::memset(text, 0, plat::kHeaderLen);
-    Put<uint16_t>(text, plat::kTotalLen, static_cast<uint16_t>(plat::kHeaderLen + got));
-    Put<uint16_t>(text, plat::kKind, plat::kKindNet);
-    Put<int32_t>(text, plat::kPid, pid_);
-    Put<int32_t>(text, plat::kPid2, pid_);
-    Put<uint16_t>(text, plat::kRoute, static_cast<uint16_t>(opt_.route));
-    Put<uint16_t>(text, plat::kRoute2, static_cast<uint16_t>(opt_.route));
-    Put<int32_t>(text, plat::kSock, fd);
-    Put<int32_t>(text, plat::kSock2, fd);
-    Put<int32_t>(text, plat::kPort, c.port);
-    std::memcpy(text + plat::kIp, c.ip, kIpLen);
-    std::memcpy(text + plat::kIp2, c.ip, kIpLen);
-    text[plat::kFlag] = 'M';
+    PutNetHeader(text, got, pid_, opt_.route, fd, c.port, c.ip);
     buf_->lMsgType = pid_;
     while (msgsnd(toRouter_, buf_.get(), static_cast<size_t>(plat::kHeaderLen + got), 0) != 0) {
         if (errno == EINTR && !g_stop) continue;
@@ -554,20 +566,8 @@ private:
     // The client's message to the router, as the PlatMsg of its client.
     void Queue(const fw::ExHeader& h, const char* msg, int len) {
         char* text = buf_->caText;
-        std::memset(text, 0, plat::kHeaderLen);
         std::memcpy(text + plat::kHeaderLen, msg, static_cast<size_t>(len));
-        Put<uint16_t>(text, plat::kTotalLen, static_cast<uint16_t>(plat::kHeaderLen + len));
-        Put<uint16_t>(text, plat::kKind, plat::kKindNet);
-        Put<int32_t>(text, plat::kPid, pid_);
-        Put<int32_t>(text, plat::kPid2, pid_);
-        Put<uint16_t>(text, plat::kRoute, static_cast<uint16_t>(opt_.route));
-        Put<uint16_t>(text, plat::kRoute2, static_cast<uint16_t>(opt_.route));
-        Put<int32_t>(text, plat::kSock, link_.get());
-        Put<int32_t>(text, plat::kSock2, link_.get());
-        Put<int32_t>(text, plat::kPort, h.port);
-        std::memcpy(text + plat::kIp, h.ip, kIpLen);
-        std::memcpy(text + plat::kIp2, h.ip, kIpLen);
-        text[plat::kFlag] = 'M';
+        PutNetHeader(text, len, pid_, opt_.route, link_.get(), h.port, h.ip);
         buf_->lMsgType = pid_;
         while (msgsnd(toRouter_, buf_.get(), static_cast<size_t>(plat::kHeaderLen + len), 0) != 0)
             if (errno != EINTR || g_stop) {
@@ -603,6 +603,108 @@ private:
     std::unique_ptr<QueueMsg> buf_;
     long failures_ = 0;
 };
+
+// ---- the persistent-client baseline ----------------------------------------------
+
+class PcBaselineRelay {
+public:
+    PcBaselineRelay(const PcBaselineOptions& opt, int toRouter, int fromRouter)
+        : opt_(opt), toRouter_(toRouter), fromRouter_(fromRouter), pid_(getpid()),
+          out_(std::make_unique<QueueMsg>()), in_(std::make_unique<QueueMsg>()) {}
+    ~PcBaselineRelay() {
+        bell_.reset();
+        if (!bellPath_.empty()) unlink(bellPath_.c_str());
+    }
+    bool Open(std::string* why);
+    int Run();
+
+private:
+    bool ToServer();
+    bool FromServer();
+
+    PcBaselineOptions opt_;
+    int toRouter_, fromRouter_;
+    pid_t pid_;
+    std::unique_ptr<QueueMsg> out_;   // messages for the router: header room, then what came
+    std::unique_ptr<QueueMsg> in_;    // a message from the router
+    int have_ = 0;                    // bytes received behind out_'s header room
+    std::string bellPath_;
+    kit::UniqueFd bell_, server_;
+    char serverIp_[kIpLen] = "127.0.0.1";
+};
+
+bool PcBaselineRelay::Open(std::string* why) {
+    server_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sa.sin_port = htons(static_cast<uint16_t>(opt_.serverPort));
+    if (!server_.valid() || connect(server_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+        *why = "connect 127.0.0.1:" + std::to_string(opt_.serverPort) + ": " + std::strerror(errno);
+        return false;
+    }
+    return MakeFifo(opt_.runDir, std::to_string(comp::kFifoRouteNotify) + "_" + std::to_string(opt_.route) + "_1",
+                    &bellPath_, &bell_, why);
+}
+
+// One doorbell, one message of the route from queue 8, its body to the server.
+bool PcBaselineRelay::ToServer() {
+    char bell;
+    if (read(bell_.get(), &bell, 1) != 1) return true;
+    ssize_t n = msgrcv(fromRouter_, in_.get(), sizeof in_->caText, opt_.route, IPC_NOWAIT);
+    if (n < plat::kHeaderLen) return true;
+    const char* body = in_->caText + plat::kHeaderLen;
+    size_t left = static_cast<size_t>(n - plat::kHeaderLen);
+    while (left > 0) {
+        ssize_t s = send(server_.get(), body, left, MSG_NOSIGNAL);
+        if (s < 0 && errno == EINTR) continue;
+        if (s <= 0) return false;
+        body += s;
+        left -= static_cast<size_t>(s);
+    }
+    return true;
+}
+
+// What the server sent; each whole message goes to queue 7. A message is
+// assembled right behind the header room, so it is queued without a copy
+// unless a later one follows it in the same receive.
+bool PcBaselineRelay::FromServer() {
+    char* room = out_->caText + plat::kHeaderLen;
+    const int cap = comp::kQueueTextLen - plat::kHeaderLen;
+    ssize_t n = recv(server_.get(), room + have_, static_cast<size_t>(cap - have_), 0);
+    if (n < 0 && errno == EINTR) return true;
+    if (n <= 0) return false;
+    have_ += static_cast<int>(n);
+    for (;;) {
+        if (have_ < opt_.headerLen) return true;
+        const int body = DecimalHeaderLength(room, opt_.headerLen);
+        if (body < 0 || opt_.headerLen + body > cap) return false;
+        const int len = opt_.headerLen + body;
+        if (have_ < len) return true;
+        PutNetHeader(out_->caText, len, pid_, opt_.route, server_.get(), opt_.serverPort, serverIp_);
+        out_->lMsgType = pid_;
+        while (msgsnd(toRouter_, out_.get(), static_cast<size_t>(plat::kHeaderLen + len), 0) != 0)
+            if (errno != EINTR || g_stop) return false;
+        have_ -= len;
+        if (have_ > 0) std::memmove(room, room + len, static_cast<size_t>(have_));
+    }
+}
+
+int PcBaselineRelay::Run() {
+    pollfd fds[2] = {{bell_.get(), POLLIN, 0}, {server_.get(), POLLIN, 0}};
+    while (!g_stop) {
+        int ready = poll(fds, 2, kPollMs);
+        if (ready < 0 && errno != EINTR) {
+            std::fprintf(stderr, "pcbaseline: poll: %s\n", std::strerror(errno));
+            return 1;
+        }
+        if (ready <= 0) continue;
+        if (fds[0].revents != 0 && !ToServer()) break;
+        if (fds[1].revents != 0 && !FromServer()) break;
+    }
+    std::printf("pcbaseline: %s\n", g_stop ? "stopped" : "the server closed the connection");
+    return g_stop ? 0 : 1;
+}
 
 }  // namespace
 
@@ -718,6 +820,9 @@ int RunPairFrontRole(const PairOptions& opt) {
 
 int RunPairUpperRole(const PairOptions& opt) { return RunQueueRole<PairUpper>("pair-upper", opt.runDir, opt); }
 
+int RunPcBaselineRole(const PcBaselineOptions& opt) {
+    return RunQueueRole<PcBaselineRelay>("pcbaseline", opt.runDir, opt);
+}
 
 int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline) {
     if (argc < 2 || std::strcmp(argv[1], "--role") != 0) return -1;

@@ -68,4 +68,20 @@ int RunRoleFromArgs(int argc, char** argv, bool persistentBaseline);
 // when the header holds anything but digits.
 int DecimalHeaderLength(const char* header, int headerLen);
 
+
+// The baseline of the persistent-client benchmark (bench_pc's role
+// `pcbaseline`): one connection to the server and only the system calls of a
+// round trip through it. Towards the server: poll, the doorbell byte of FIFO
+// "2_<route>_1", the message from queue 8 (typed with the route) without
+// waiting, send. Back: poll, recv (as much as has come), and for each whole
+// message one msgsnd to queue 7 behind a PlatMsg header, typed with the pid.
+// The FIFO exists once the connection stands. Ends when the server closes.
+struct PcBaselineOptions {
+    std::string runDir;
+    int route = 0;
+    int serverPort = 0;   // on 127.0.0.1
+    int headerLen = 4;    // decimal-digit length header
+};
+int RunPcBaselineRole(const PcBaselineOptions& opt);
+
 }  // namespace bench

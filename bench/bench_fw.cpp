@@ -324,7 +324,7 @@ void PrintRun(const Config& c, const Side& s, SideId id, const Run& r, const cha
 
 void PrintTable(const Options& opt, const std::vector<Config>& configs, const std::vector<Side>& sides) {
     std::printf("\nResults: median [min-max] over %d rounds of %.1f s; CPU in microseconds per round trip, from "
-                "/proc/<pid>/stat\n", opt.rounds, opt.seconds);
+                "the threads' schedstat\n", opt.rounds, opt.seconds);
     std::printf("%-8s %-7s %-16s %-22s %-16s %-16s %-26s %-18s\n", "style", "clients", "side", "round trips/s",
                 "p50 us", "p99 us", "CPU/msg per relay process", "relays CPU/msg");
     for (const Config& c : configs) {

@@ -5,7 +5,10 @@
 //
 //   bench_micro [Google Benchmark flags, e.g. --benchmark_filter=Recv]
 #include <benchmark/benchmark.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/msg.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +25,7 @@
 #include "BenchPlatform.h"
 #include "LoadGen.h"
 #include "base/SysGlobals.h"
+#include "base/SysShm.h"
 #include "comp/SysComPub.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
@@ -196,6 +200,77 @@ void BM_SysReadPlatMsg(benchmark::State& state) {
     state.SetLabel("includes the router's msgsnd and doorbell write");
 }
 BENCHMARK(BM_SysReadPlatMsg);
+
+// ---- single system calls: what one costs on this machine, and so what the
+// calls comp makes beyond the baseline relay's cost an exchange -------------
+
+// The least any system call costs (the fixed wait asks it on every pass).
+void BM_NullSystemCall(benchmark::State& state) {
+    for (auto _ : state) benchmark::DoNotOptimize(getppid());
+    state.SetLabel("getppid");
+}
+BENCHMARK(BM_NullSystemCall);
+
+// The rest of what the fixed wait adds to every pass.
+void BM_SignalMaskAroundAPass(benchmark::State& state) {
+    sigset_t usr1, old;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    for (auto _ : state) {
+        if (iSetSignalBlock(&usr1, &old) != 0 || iSetSignalMask(&old) != 0) {
+            state.SkipWithError("signal mask failed");
+            break;
+        }
+    }
+    state.SetLabel("iSetSignalBlock + iSetSignalMask: three calls");
+}
+BENCHMARK(BM_SignalMaskAroundAPass);
+
+// The check before every registry operation that the attached segment is
+// still the live one.
+void BM_RegistryLivenessCheck(benchmark::State& state) {
+    const int id = shmget(g_memlist_shmkey, 0, 0);
+    for (auto _ : state) {
+        if (!comp::ShmIsLive(id)) {
+            state.SkipWithError("registry segment not live");
+            break;
+        }
+    }
+    state.SetLabel("one shmctl(IPC_STAT)");
+}
+BENCHMARK(BM_RegistryLivenessCheck);
+
+// What a standing epoll registration costs a connection that carries one
+// exchange, against a ppoll over the few descriptors TS waits on.
+void BM_EpollAddAndRemove(benchmark::State& state) {
+    int ep = epoll_create1(EPOLL_CLOEXEC);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    for (auto _ : state) {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.fd = fd;
+        if (epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev) != 0 || epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr) != 0) {
+            state.SkipWithError("epoll_ctl failed");
+            break;
+        }
+    }
+    close(fd);
+    close(ep);
+    state.SetLabel("epoll_ctl ADD + DEL");
+}
+BENCHMARK(BM_EpollAddAndRemove);
+
+void BM_PpollFourQuietDescriptors(benchmark::State& state) {
+    int fds[4];
+    for (int& fd : fds) fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    pollfd set[4];
+    for (int i = 0; i < 4; ++i) set[i] = pollfd{fds[i], POLLIN, 0};
+    const timespec zero{0, 0};
+    for (auto _ : state) benchmark::DoNotOptimize(ppoll(set, 4, &zero, nullptr));
+    for (int fd : fds) close(fd);
+    state.SetLabel("time-out 0");
+}
+BENCHMARK(BM_PpollFourQuietDescriptors);
 
 // The child: joins the platform as comp does and runs the benchmarks.
 int RunBenchmarks(int argc, char** argv, const bench::BenchPlatform& plat) {

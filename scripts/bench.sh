@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Runs the benchmarks of a build directory: bench_ts (comp's short-connection
-# server path against a minimal baseline relay, about 2.5 minutes with its
-# defaults), bench_fw (the forwarder pair, about 1.5 minutes; BENCH_FW_ARGS
-# passes it flags), bench_syn (the polled synchronous modes against baseline
-# peers) and bench_micro (the per-message routines) when built.
+# server path in both wait styles against a minimal baseline relay, about 3.5
+# minutes with its defaults), bench_fw (the forwarder pair, about 1.5 minutes;
+# BENCH_FW_ARGS passes it flags), bench_syn (the polled synchronous modes
+# against baseline peers) and bench_micro (the per-message routines) when
+# built.
 # `make bench` calls it. Extra arguments go to bench_ts, e.g.
 #   scripts/bench.sh build --seconds 2 --rounds 3
 # BENCH_MICRO_ARGS passes arguments to bench_micro (Google Benchmark flags),
 # BENCH_STATION_ARGS to bench_station (the station link, about 1.5 minutes),
 # BENCH_PAS_ARGS to bench_pas (the multi-client server: round trips and ten
-# thousand connections, about 5 minutes with its defaults).
+# thousand connections, about 5 minutes with its defaults), BENCH_PC_ARGS to
+# bench_pc (the persistent client, about 2.5 minutes).
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -28,7 +30,7 @@ if [ -x "$micro" ]; then
   "$micro" --benchmark_min_time=0.2 ${BENCH_MICRO_ARGS:-} || status=$?
   echo
 fi
-echo "== bench_ts: comp SysTCPTS against the baseline relay"
+echo "== bench_ts: comp SysTCPTS in both wait styles against the baseline relay"
 "$ts" --comp "$build/comp" "$@" || status=$?
 # The mode benchmarks, each when it was built, with its own arguments.
 run_bench() {  # name, title, extra-args
@@ -45,4 +47,5 @@ run_bench bench_pas "comp SysTCPPAS, round trips and ten thousand connections" "
 # The polled synchronous modes (about 2 minutes: PCSYN waits 25 s at start,
 # once per wait style).
 run_bench bench_syn "comp SysTCPPCSYN and SysTCPPASSYN against baseline peers" "${BENCH_SYN_ARGS:-}"
+run_bench bench_pc "comp SysTCPPC against the persistent-client baseline relay" "${BENCH_PC_ARGS:-}"
 exit $status

@@ -3,9 +3,12 @@
 # TS route 10 (127.0.0.1:47010) are answered through the TC route 20, which
 # reaches a local echo server on 127.0.0.1:47020; the polled routes 50
 # (PCSYN, polled by a local poll server on 127.0.0.1:47050) and 51 (PASSYN,
-# on 127.0.0.1:47051) echo their data frames. Builds nothing: `make run`
-# builds first. Ctrl-C stops every process and removes the queues,
-# semaphores, segments and FIFOs again.
+# on 127.0.0.1:47051) echo their data frames; clients of the TS route 32
+# (127.0.0.1:47032) are answered through the persistent link of the PC route
+# 30 to a second echo server on 127.0.0.1:47030; the PS route 31 shares
+# 127.0.0.1:47031 between two instances. Builds nothing: `make run` builds
+# first. Ctrl-C stops every process and removes the queues, semaphores,
+# segments and FIFOs again.
 #   scripts/run-example.sh [BUILD_DIR]
 set -euo pipefail
 
@@ -48,9 +51,10 @@ fi
 
 echo_pid=""
 poll_pid=""
+pc_echo_pid=""
 cleanup() {
   trap - EXIT INT TERM
-  for pid in $echo_pid $poll_pid; do
+  for pid in $echo_pid $poll_pid $pc_echo_pid; do
     kill "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   done
@@ -69,6 +73,11 @@ echo_pid=$!
 "$compkit" poll-server 127.0.0.1:47050 --interval 2000 --data "hello from the poll server" \
   >"$run/log/poll-server.out" 2>&1 &
 poll_pid=$!
+# The PC route's server keeps the link and sends a heartbeat (type 0602) after
+# 10 s without sending.
+pc_server=(echo-server 127.0.0.1:47030 --frame 4,0,4,0 --prefix "pc-echo: " --heartbeat 0602 --beat-every 10)
+"$compkit" "${pc_server[@]}" &
+pc_echo_pid=$!
 
 cat <<EOT
 
@@ -87,6 +96,22 @@ Poll the PASSYN route 51 as a client (the PCSYN route 50 is polled by the
 server in $run/log/poll-server.out):
 
   $compkit poll-client 127.0.0.1:47051 --data hello
+
+Route 30 (PC) holds a link to the echo server on 127.0.0.1:47030 (pid
+$pc_echo_pid); the router prints its N001. Send through the link via route 32:
+
+  $compkit send 127.0.0.1:47032 --frame 4,0,4,0 hello
+
+Stop that server (kill $pc_echo_pid): the router prints N003. Start it again
+in another terminal and the link is back within the reconnect interval (5 s):
+
+  $compkit echo-server 127.0.0.1:47030 --frame 4,0,4,0 --prefix "pc-echo: " --heartbeat 0602 --beat-every 10
+
+Route 31 (PS) shares 127.0.0.1:47031 between its two instances. A client is
+accepted by the next instance in turn; the first message it sends ends that
+instance (kept as the platform has it), and nothing restarts it:
+
+  $compkit send 127.0.0.1:47031 --frame 4,0,4,0 hello
 
 Status: $compkit status $run
 Ctrl-C stops everything.

@@ -6,7 +6,8 @@
 //   compkit tranp RUNDIR        the stand-in router alone
 //   compkit run RUNDIR          the supervisor: router, instances, shared listeners
 //   compkit send IP:PORT ...    send framed messages and print the answers
-//   compkit echo-server IP:PORT ...   answer every framed message with itself
+//   compkit echo-server IP:PORT ...   answer every framed message with itself, keep the
+//                               connections, answer and send heartbeats
 //   compkit station IP:PORT ...       the station-side peer of a station link
 //   compkit poll-server IP:PORT ...   the server that polls a PCSYN route
 //   compkit poll-client IP:PORT ...   a client that answers the polls of a PASSYN route
@@ -34,6 +35,7 @@ void Usage(FILE* out) {
                  "       compkit send IP:PORT [--frame H,O,W,T[,I[,A]] | --rundir DIR --route ID] [--header TEXT]\n"
                  "                    [--count N] [--reconnect] [--timeout S] [--no-answer] TEXT...\n"
                  "       compkit echo-server IP:PORT [--frame ... | --rundir DIR --route ID] [--prefix TEXT]\n"
+                 "                    [--heartbeat BODY [--beat-every SECONDS]]\n"
                  "       compkit station IP:PORT [--reject] [--no-ack] [--nack N] [--crc-error N] [--params N]\n"
                  "                    [--send TEXT]... [--count N] [--interval MS] [--once] [--quiet] [--log FILE]\n"
                  "       compkit poll-server|poll-client IP:PORT [--interval MS] [--count N] [--timeout S]\n"

@@ -102,13 +102,18 @@ protected:
     Kid router_, base_;
 };
 
-TEST_F(RelayTest, CompAndBaselineBothAnswerEveryRequestThroughTheRouter) {
+TEST_F(RelayTest, CompInBothWaitStylesAndBaselineAnswerEveryRequestThroughTheRouter) {
     const auto& rt = plat_.routes();
-    Kid comp;
-    comp.pid = Start({kBuild + "/comp", "SysTCPTS", std::to_string(rt.tsRoute), "1", "0", "TS_test"});
-    ASSERT_GT(comp.pid, 0);
-    ASSERT_TRUE(WaitForFile(plat_.runDir() + "/fifo/1_" + std::to_string(comp.pid), 5000));
-    for (int port : {rt.basePort, rt.tsPort}) {
+    Kid comp[2];
+    std::string why;
+    for (int deadline : {1, 0}) {
+        ASSERT_TRUE(plat_.SetLogLevel(3, &why, deadline != 0)) << why;
+        const int route = deadline ? rt.tsDeadlineRoute : rt.tsRoute;
+        comp[deadline].pid = Start({kBuild + "/comp", "SysTCPTS", std::to_string(route), "1", "0", "TS_test"});
+        ASSERT_GT(comp[deadline].pid, 0);
+        ASSERT_TRUE(WaitForFile(plat_.runDir() + "/fifo/1_" + std::to_string(comp[deadline].pid), 5000));
+    }
+    for (int port : {rt.basePort, rt.tsPort, rt.tsDeadlinePort}) {
         bench::LoadResult res = Load(port, 4, 0.3);
         EXPECT_GT(res.exchanges, 10u) << "port " << port;
         EXPECT_EQ(res.failures, 0u) << "port " << port << ": " << res.firstError;
@@ -138,8 +143,12 @@ TEST(BenchPlatform, DestroyRemovesEverythingAndRestoresTheEnvironment) {
         base = plat.keyBase();
         EXPECT_EQ(std::string(std::getenv("RUNDIR")), runDir);
         EXPECT_GE(msgget(base + 7, 0), 0);
-        ASSERT_TRUE(plat.SetLogLevel(3, &why)) << why;
-        EXPECT_NE(kit::ReadWholeFile(runDir + "/etc/app.cfg").value_or("").find("LOG_LEVEL 3"), std::string::npos);
+        ASSERT_TRUE(plat.SetLogLevel(3, &why, true)) << why;
+        const std::string app = kit::ReadWholeFile(runDir + "/etc/app.cfg").value_or("");
+        EXPECT_NE(app.find("LOG_LEVEL 3\n"), std::string::npos) << app;
+        EXPECT_NE(app.find("COMP_WAIT DEADLINE\n"), std::string::npos) << app;
+        ASSERT_TRUE(plat.SetLogLevel(1, &why)) << why;
+        EXPECT_EQ(kit::ReadWholeFile(runDir + "/etc/app.cfg").value_or("").find("COMP_WAIT"), std::string::npos);
         // Rotated logs go, connection logs are emptied, the error logs stay.
         std::string why2;
         ASSERT_TRUE(bench::WriteTextFile(runDir + "/log/com_x_1.log20260101000000.bak", "old", &why2));
@@ -215,9 +224,28 @@ TEST_F(BenchTsTest, ShortRunReportsBothRelaysAndCleansUp) {
                       "0.3", "--warmup", "0", "--idle", "0.3"});
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("Idle CPU over"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("LOG_LEVEL 3,  2 clients: throughput"), std::string::npos) << r.output;
+    for (const char* line : {"deadline,  2 clients: throughput", "fixed,     2 clients: throughput", "TS deadline",
+                             "TC deadline", "TS fixed", "TC fixed", "deadline/base"})
+        EXPECT_NE(r.output.find(line), std::string::npos) << line << "\n" << r.output;
+    EXPECT_EQ(r.output.find("warning"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("router: stopped"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("failed exchanges"), std::string::npos) << r.output;
+    r.ExpectNothingLeft();
+}
+
+TEST_F(BenchTsTest, CountsSystemCallsPerExchangeWithPerfTrace) {
+    if (access("/usr/bin/perf", X_OK) != 0) GTEST_SKIP() << "perf is not installed";
+    BenchRun r = Run({"--comp", kBuild + "/comp", "--levels", "3", "--clients", "1", "--rounds", "1", "--seconds",
+                      "0.3", "--warmup", "0", "--idle", "0", "--syscalls"});
+    ASSERT_EQ(r.status, 0) << r.output;
+    // Every relay's successful accepts are its exchanges: accept and accept4 add up to one.
+    double accepts[3] = {0, 0, 0};
+    const std::regex row("\naccept4? +([0-9.]+) +([0-9.]+) +([0-9.]+)");
+    for (auto it = std::sregex_iterator(r.output.begin(), r.output.end(), row); it != std::sregex_iterator(); ++it)
+        for (int k = 0; k < 3; ++k) accepts[k] += std::stod((*it)[k + 1].str());
+    if (accepts[2] == 0) GTEST_SKIP() << "perf trace counted nothing here\n" << r.output;
+    for (double a : accepts) EXPECT_NEAR(a, 1.0, 0.02) << r.output;
+    EXPECT_TRUE(std::regex_search(r.output, std::regex("\nrt_sigprocmask +[1-9]"))) << r.output;
     r.ExpectNothingLeft();
 }
 
@@ -249,6 +277,33 @@ TEST_F(BenchTsTest, RefusesBadOptions) {
     EXPECT_EQ(Run({"--rounds", "0"}).status, 2);
     EXPECT_EQ(Run({"--clients", "1,x"}).status, 2);
     EXPECT_EQ(Run({"--comp", "/nonexistent/comp"}).status, 1);
+}
+
+// bench_pc in both wait styles with one reconnect each, run to its end.
+TEST(BenchPc, ShortRunReportsBothRelaysBothStylesAndAReconnectAndCleansUp) {
+    REQUIRE_BIG_QUEUE_MESSAGES();
+    const std::string out = "/tmp/bench_pc_test_" + std::to_string(getpid()) + ".out";
+    Kid kid;
+    kid.pid = Start({kBuild + "/bench/bench_pc", "--comp", kBuild + "/comp", "--rounds", "1", "--seconds", "0.3",
+                     "--warmup", "0", "--inflight", "2", "--reconnects", "1"},
+                    out);
+    int status = -1;
+    ASSERT_TRUE(kit::WaitChild(kid.pid, 60000, &status));
+    kid.pid = -1;
+    BenchRun r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), kit::ReadWholeFile(out).value_or("")};
+    std::filesystem::remove(out);
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const char* style : {"fixed", "deadline"}) {
+        EXPECT_TRUE(std::regex_search(r.output, std::regex(std::string(style) + " +2 in flight: throughput")))
+            << r.output;
+        EXPECT_TRUE(std::regex_search(r.output, std::regex(std::string(style) + " +1 reconnects: N003 -> N001")))
+            << r.output;
+    }
+    EXPECT_EQ(r.output.find("lost or wrong"), std::string::npos) << r.output;
+    r.ExpectNothingLeft();
+    const int bad = Start({kBuild + "/bench/bench_pc", "--inflight", "0"});
+    ASSERT_TRUE(kit::WaitChild(bad, 10000, &status));
+    EXPECT_EQ(WEXITSTATUS(status), 2);
 }
 
 }  // namespace

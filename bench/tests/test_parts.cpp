@@ -9,9 +9,11 @@
 
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
+#include "BenchPlatform.h"
 #include "LoadGen.h"
 #include "ProcStat.h"
 #include "Relays.h"
@@ -30,6 +32,35 @@ TEST(ProcStat, CountsFieldsAfterTheLastParenthesis) {
     auto self = bench::ProcessCpuMicros(getpid());
     ASSERT_TRUE(self);
     EXPECT_GE(*self, 0);
+}
+
+TEST(ProcStat, CpuTimeIsTheThreadsRunTimeAndGrowsWithWork) {
+    auto before = bench::ProcessCpuMicros(getpid());
+    volatile uint64_t spin = 0;
+    for (int i = 0; i < 20'000'000; ++i) spin = spin + static_cast<uint64_t>(i);
+    auto after = bench::ProcessCpuMicros(getpid());
+    ASSERT_TRUE(before && after);
+    EXPECT_GT(*after, *before);
+}
+
+TEST(ProcStat, SumsThePerThreadTablesOfAPerfTraceSummary) {
+    const char* text =
+        "\n Summary of events:\n\n comp (7), 120 events, 60.0%\n\n"
+        "   syscall            calls  errors  total       min       avg       max       stddev\n"
+        "                                     (msec)    (msec)    (msec)    (msec)        (%)\n"
+        "   --------------- --------  ------ -------- --------- --------- ---------     ------\n"
+        "   epoll_wait            40      0     1.000     0.001     0.025     0.100      5.00%\n"
+        "   accept4               20      2     0.400     0.010     0.020     0.049      9.63%\n\n"
+        " comp (8), 10 events, 5.0%\n\n"
+        "   syscall            calls  errors  total       min       avg       max       stddev\n"
+        "   --------------- --------  ------ -------- --------- --------- ---------     ------\n"
+        "   accept4                5      1     0.100     0.010     0.020     0.049      9.63%\n";
+    auto t = bench::ParsePerfTraceSummary(text);
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(t["epoll_wait"].calls, 40u);
+    EXPECT_EQ(t["accept4"].calls, 25u);
+    EXPECT_EQ(t["accept4"].errors, 3u);
+    EXPECT_TRUE(bench::ParsePerfTraceSummary("no table here\n").empty());
 }
 
 TEST(ProcStat, ReadsBothContextSwitchCounters) {
@@ -54,6 +85,13 @@ TEST(Statistics, NearestRankQuantilesAndMedian) {
     EXPECT_EQ(bench::Quantile(none, 0.5), 0);
     EXPECT_DOUBLE_EQ(bench::Median({5, 1, 3}), 3);
     EXPECT_DOUBLE_EQ(bench::Median({4, 1, 3, 2}), 2.5);
+}
+
+TEST(Ports, PlatformPortsAreDistinct) {
+    const std::vector<int> ports = bench::FreeLoopbackPorts(12);
+    ASSERT_EQ(ports.size(), 12u);
+    EXPECT_EQ(std::set<int>(ports.begin(), ports.end()).size(), 12u);
+    for (int p : ports) EXPECT_GT(p, 0);
 }
 
 TEST(Framing, RequestsCarryTheirBodyLengthInDigits) {

@@ -1,5 +1,9 @@
 #include "base/SysGlobals.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstring>
 #include <vector>
 
@@ -27,6 +31,9 @@ const char* const g_pcaRouteColumns[28] = {
 }
 
 namespace {
+std::atomic<pid_t> g_iOwnPid{0};
+void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
+
 ProcState InitialState() {
     ProcState st{};
     std::strcpy(st.stLog.caTraceBase, "../log/unkonwn.log");
@@ -52,6 +59,18 @@ std::vector<void (*)()>& Resets() {
 
 void comp::RegisterProcessReset(void (*pfReset)()) { Resets().push_back(pfReset); }
 
+namespace comp {
+pid_t OwnPid() {
+    pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
+    if (iPid == 0) {
+        static const bool bHooked = pthread_atfork(nullptr, nullptr, ForgetOwnPid) == 0;
+        iPid = getpid();
+        if (bHooked) g_iOwnPid.store(iPid, std::memory_order_relaxed);
+    }
+    return iPid;
+}
+}  // namespace comp
+
 void SysResetGlobals() {
     for (auto* reset : Resets()) reset();
     std::memset(g_caMsg, 0, sizeof g_caMsg);
@@ -66,4 +85,5 @@ void SysResetGlobals() {
     g_iRtnIdx = 0;
     g_iDebugSwitch = 0;
     g_stProcState = InitialState();
+    ForgetOwnPid();
 }

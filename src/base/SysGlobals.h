@@ -4,6 +4,8 @@
 // g_stProcState.
 #pragma once
 
+#include <sys/types.h>
+
 #include "base/SysTypes.h"
 
 extern "C" {
@@ -64,4 +66,10 @@ void RegisterProcessReset(void (*pfReset)());
 struct ResetRegistration {
     explicit ResetRegistration(void (*pfReset)()) { RegisterProcessReset(pfReset); }
 };
+
+// This process's id, asked of the kernel once: it goes into every queue
+// message and registry entry, and getpid() is a system call. A child made
+// with fork() asks again (an atfork hook forgets the parent's id in the
+// child), and SysResetGlobals forgets it too.
+pid_t OwnPid();
 }  // namespace comp

@@ -19,6 +19,7 @@
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/StrTools.h"
 #include "util/SysTcpBasi.h"
 
 namespace {
@@ -34,6 +35,8 @@ static_assert(kHeaderLenChars <= comp::kRouteFieldLen);
 // A decimal number as atoi reads it (leading blanks, a sign, digits up to
 // the first other character), clamped to the int range.
 int DecimalPrefix(const char* pcText) {
+    int iPlain = 0;
+    if (comp::PlainDecimal(pcText, &iPlain)) return iPlain;
     long long llValue = std::strtoll(pcText, nullptr, 10);
     if (llValue > INT_MAX) return INT_MAX;
     if (llValue < INT_MIN) return INT_MIN;

@@ -4,10 +4,8 @@
 // modes make for their connections.
 #include "comp/SysPlatMsg.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -20,6 +18,7 @@
 #include "ipc/SysIpc.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
+#include "util/StrTools.h"
 
 namespace {
 
@@ -46,27 +45,12 @@ void PutIp(char* pcField, const char* pcIp) {
     std::memcpy(pcField, pcIp, strnlen(pcIp, kIpFieldLen));
 }
 
-// This process's id, asked of the kernel once (it is written into every
-// message). A child made with fork() asks again: the atfork hook forgets the
-// parent's id in the child.
-std::atomic<pid_t> g_iOwnPid{0};
-void ForgetOwnPid() { g_iOwnPid.store(0, std::memory_order_relaxed); }
-const comp::ResetRegistration g_stOwnPidReset(ForgetOwnPid);
-pid_t OwnPid() {
-    pid_t iPid = g_iOwnPid.load(std::memory_order_relaxed);
-    if (iPid == 0) {
-        static const bool bHooked = pthread_atfork(nullptr, nullptr, ForgetOwnPid) == 0;
-        iPid = getpid();
-        if (bHooked) g_iOwnPid.store(iPid, std::memory_order_relaxed);
-    }
-    return iPid;
-}
-
 // The route id of RouteRecord field 0 as a number.
 int RouteNumber(const RouteRecord& stRoute) {
     char caId[comp::kRouteFieldLen + 1] = {};
     std::memcpy(caId, stRoute.caField[RT_ROUTEID], comp::kRouteFieldLen);
-    return std::atoi(caId);
+    int iId = 0;
+    return comp::PlainDecimal(caId, &iId) ? iId : std::atoi(caId);
 }
 
 // Reads one message of the wanted type from queue 8 after consuming the
@@ -149,7 +133,7 @@ int SysBuildPlatMsg(QueueMsg* pstBuf, int iLen, int iSock, const RouteRecord* ps
     std::memset(pcText, 0, plat::kHeaderLen);
 
     const int iTotal = iLen + plat::kHeaderLen;
-    const pid_t iPid = OwnPid();
+    const pid_t iPid = comp::OwnPid();
     const uint16_t usRoute = static_cast<uint16_t>(RouteNumber(*pstRoute));
     Put(pcText, plat::kTotalLen, static_cast<uint16_t>(iTotal));
     Put(pcText, plat::kKind, static_cast<uint16_t>(plat::kKindNet));
@@ -167,7 +151,7 @@ int SysBuildPlatMsg(QueueMsg* pstBuf, int iLen, int iSock, const RouteRecord* ps
 }
 
 int SysReadPlatMsg(int iFifoFd, QueueMsg* pstBuf) {
-    return ReadAfterDoorbell(COMP_LOG_SITE, iFifoFd, pstBuf, OwnPid());
+    return ReadAfterDoorbell(COMP_LOG_SITE, iFifoFd, pstBuf, comp::OwnPid());
 }
 
 int SysReadPlatMsgByRID(const char* pcRouteId, int iFifoFd, QueueMsg* pstBuf) {
@@ -194,7 +178,7 @@ int SysSendNMsg(int iRouteNo, int iSock, const NoticeRecord* pstNotice, int iPor
     // Header: only the first copy of each field; the second copies stay 0.
     Put(pcText, plat::kTotalLen, static_cast<uint16_t>(comp::kNoticeLen));
     Put(pcText, plat::kKind, static_cast<uint16_t>(plat::kKindNotice));
-    Put(pcText, plat::kPid, static_cast<int32_t>(getpid()));
+    Put(pcText, plat::kPid, static_cast<int32_t>(comp::OwnPid()));
     Put(pcText, plat::kRoute, static_cast<uint16_t>(iRouteNo));
     if (iSock != 0) Put(pcText, plat::kSock, static_cast<int32_t>(iSock));
     Put(pcText, plat::kPort, static_cast<int32_t>(iPort));
@@ -210,7 +194,7 @@ int SysSendNMsg(int iRouteNo, int iSock, const NoticeRecord* pstNotice, int iPor
         std::memcpy(pcBody + plat::kNoteText3, pstNotice->caText3, sizeof pstNotice->caText3);
     }
 
-    stBuf.lMsgType = getpid();
+    stBuf.lMsgType = comp::OwnPid();
     if (SysWriteQueueNoWait(&stBuf, comp::kNoticeLen, g_stMsgQCntl[comp::kQueueToTranp].iId) != 0) {
         int iErr = errno;
         COMP_ERRLOG("[%s,%d]SysWriteQueueNoWait error.errno=%d,errmsg:[%s]", SRC_NAME, __LINE__, iErr,
@@ -259,7 +243,7 @@ int SysDelConnection(int iRouteId, const char* pcIp, int iPort, int iSockFd) {
 }
 
 int SysFWDelConnection(const char* pcIp, int iPort, int iSockFd) {
-    int iRet = DeleteFWOne(getpid(), pcIp != nullptr ? pcIp : "", iPort, iSockFd);
+    int iRet = DeleteFWOne(comp::OwnPid(), pcIp != nullptr ? pcIp : "", iPort, iSockFd);
     if (iRet == -1) {
         writelog(LOG_ERROR, nullptr, 0, "DeleteOne error\n");
         return -1;

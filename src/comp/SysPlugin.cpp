@@ -89,10 +89,10 @@ const char* DlError() {
     return pcErr != nullptr ? pcErr : "";
 }
 
-// "$HOME/runs/bin/libBeatMsg.so"; false when it does not fit.
-bool PluginPath(char (&caPath)[kPathLen]) {
+// "$HOME/runs/bin/<pcLib>"; false when it does not fit.
+bool PluginPath(char (&caPath)[kPathLen], const char* pcLib = "libBeatMsg.so") {
     const char* pcHome = std::getenv("HOME");
-    int n = std::snprintf(caPath, sizeof caPath, "%s/runs/bin/libBeatMsg.so", pcHome != nullptr ? pcHome : "");
+    int n = std::snprintf(caPath, sizeof caPath, "%s/runs/bin/%s", pcHome != nullptr ? pcHome : "", pcLib);
     return n > 0 && n < kPathLen;
 }
 
@@ -272,3 +272,29 @@ int SysCheckMd5(const char* pcBuf, int iLen) {
 }
 
 }  // extern "C"
+
+namespace comp {
+
+int RecvByNetRule(const char* pcSrc, const NetRuleCall& stCall, bool* pbNoReceiver) {
+    *pbNoReceiver = false;
+    char caPath[kPathLen];
+    if (!PluginPath(caPath, "libnetrule.so") || !FileExists(caPath)) {
+        COMP_ERRLOG("[%s,%d]lost %s", pcSrc, __LINE__, caPath);
+        return -1;
+    }
+    DlLibrary lib(caPath, RTLD_NOW | RTLD_GLOBAL);
+    if (!lib.ok()) {
+        COMP_ERRLOG("%s,%d,dlopen [%s] error=[%s]", pcSrc, __LINE__, caPath, DlError());
+        return -1;
+    }
+    void* pvSym = lib.symbol("SysRcvMulPkg");
+    if (pvSym == nullptr) {
+        COMP_ERRLOG("%s,%d,dlsym[%s]error=[%s]", pcSrc, __LINE__, caPath, DlError());
+        *pbNoReceiver = true;
+        return 1;
+    }
+    return reinterpret_cast<SysRcvMulPkgFunc>(pvSym)(stCall.iRouteNo, stCall.iSock, stCall.pcBuf, stCall.iHeaderLen,
+                                                     stCall.pstRoute, stCall.piTotal);
+}
+
+}  // namespace comp

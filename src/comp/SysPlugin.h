@@ -37,4 +37,20 @@ namespace comp {
 // zero-padded, only the last four count) packed as 2 BCD bytes into pucOut.
 // False when app.cfg lacks it; pucOut then holds 0000.
 bool StationIdBcd(unsigned char* pucOut);
+
+// One call of the receiver plug-in's SysRcvMulPkg.
+struct NetRuleCall {
+    int iRouteNo;
+    int iSock;
+    char* pcBuf;                  // a queue text buffer (65,536 bytes)
+    int iHeaderLen;
+    const RouteRecord* pstRoute;
+    int* piTotal;
+};
+// Reads one message with SysRcvMulPkg of $HOME/runs/bin/libnetrule.so, which
+// is loaded for this call and unloaded after it, so a new library takes
+// effect at the next message. Returns what the receiver returns; -1 when the
+// library is missing or cannot be loaded; 1 when it has no SysRcvMulPkg, with
+// *pbNoReceiver set (nothing was read). The lines name pcSrc as their source.
+int RecvByNetRule(const char* pcSrc, const NetRuleCall& stCall, bool* pbNoReceiver);
 }  // namespace comp

@@ -530,7 +530,7 @@ int SysSaveInfo(const char* pcRouteId, const char* pcIp, int iPort, int iVirtual
         n.iPort = iPort;
         n.iVirtualFd = iVirtualFd;
         n.iSockFd = iSockFd;
-        n.iPid = getpid();
+        n.iPid = comp::OwnPid();
         return StampNow(n) ? idx : -1;   // on failure the node stays busy
     });
 }
@@ -545,7 +545,7 @@ int set(const char* pcKey, const void* pvValue, int iLen) {
         SetField(n.caKey, pcKey);
         if (iLen > 0) std::memcpy(n.caValue, pvValue, static_cast<size_t>(iLen));
         n.iValueLen = iLen;
-        n.iPid = getpid();
+        n.iPid = comp::OwnPid();
         if (StampNow(n)) return idx;
         ErrLog(1000, "gettimeofday error", ERRLOG_FILE, nullptr, 0);
         return -1;

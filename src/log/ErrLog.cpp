@@ -35,7 +35,7 @@ void AppendRecord(std::string& out, const char* pcMsg, const void* pvDump, int i
     localtime_r(&tv.tv_sec, &tmNow);
     char cal[32] = {0};
     asctime_r(&tmNow, cal);   // "Www Mmm dd hh:mm:ss yyyy\n": 24 characters are used
-    comp::log::AppendFormat(out, 2048 + 128, "Pid: %d | Time: %.24s %d | Message:\n%s\n", getpid(), cal,
+    comp::log::AppendFormat(out, 2048 + 128, "Pid: %d | Time: %.24s %d | Message:\n%s\n", comp::OwnPid(), cal,
                             static_cast<int>(tv.tv_usec / 1000), pcMsg ? pcMsg : "");
     int n = g_iRtnIdx;
     if (n > 20) n = 20;

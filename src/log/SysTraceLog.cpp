@@ -59,7 +59,7 @@ std::string TodayFile() {
 void AppendEntry(std::string& out, int iLevel, const char* pcText, const void* pvData, int iLen) {
     char stamp[64];
     logGetTimeNew(stamp);
-    comp::log::AppendFormat(out, kMaxText + 128, "Pid:%d|%d|Time:%s\nMSG:%s\n", getpid(), iLevel, stamp,
+    comp::log::AppendFormat(out, kMaxText + 128, "Pid:%d|%d|Time:%s\nMSG:%s\n", comp::OwnPid(), iLevel, stamp,
                             pcText ? pcText : "");
     comp::log::AppendHexDump(out, pvData, iLen);
     out.push_back('\n');

@@ -42,14 +42,14 @@ WaitStyle ConfiguredWaitStyle() {
 }
 
 Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
-                        Backend eFixedBackend) {
+                        Backend eFixedBackend, Backend eDeadlineBackend) {
     Loop::Spec spec;
     spec.pcSrc = pcSrc;
     spec.pcMode = pcMode;
     spec.iTableSize = iTableSize;
     spec.lWaitUsec = lWaitUsec;
     spec.eStyle = ConfiguredWaitStyle();
-    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? Backend::kEpoll : eFixedBackend;
+    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? eDeadlineBackend : eFixedBackend;
     if (seam::g_pLoopDriver != nullptr) spec.pClock = seam::g_pLoopDriver->clock();
     return spec;
 }
@@ -96,7 +96,13 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         timeval tv{0, 5};
         setsockopt(iListenFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     }
-    a.fd.reset(stSpec.bPeerByGetpeer ? iSockAccept(iListenFd) : iSockAcceptInfo(iListenFd, a.ip, &a.port));
+    // With the peer from the accept, the accept also makes the connection
+    // non-blocking (one call less than iNoblockFd afterwards).
+    const bool nonBlockByAccept = stSpec.bNonBlock && !stSpec.bPeerByGetpeer;
+    if (stSpec.bPeerByGetpeer)
+        a.fd.reset(iSockAccept(iListenFd));
+    else
+        a.fd.reset(SockAcceptInfoFlags(iListenFd, a.ip, &a.port, nonBlockByAccept ? SOCK_NONBLOCK : 0));
     a.err = errno;
     if (SysTellCommonp(g_stMsgQCntl[kQueueCommonp].iId, static_cast<int>(kCommonpAccepted)) != 0) {
         a.outcome = AcceptOutcome::kReportFailed;
@@ -111,7 +117,7 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         a.outcome = AcceptOutcome::kTooMany;
         return a;
     }
-    if (stSpec.bNonBlock && iNoblockFd(a.fd.get()) != 0) {
+    if (stSpec.bNonBlock && !nonBlockByAccept && iNoblockFd(a.fd.get()) != 0) {
         a.err = errno;
         a.outcome = AcceptOutcome::kNoBlockFailed;
         return a;

@@ -23,10 +23,14 @@ int ModeTableSize(const char* pcSrc, int iLine, const char* pcMissingFmt);
 // for the deadline-driven wait; anything else (or nothing) is the fixed one.
 WaitStyle ConfiguredWaitStyle();
 
-// The loop specification of a mode: its fixed wait time-out and backend, in
-// the configured wait style (the deadline style always waits with epoll).
+// The loop specification of a mode: its fixed wait time-out and the backend
+// of each wait style, in the configured style. The deadline style waits with
+// epoll unless the mode says otherwise: standing registrations suit
+// connections that stay, while a mode whose connections each carry one
+// exchange (TS, TC) waits with ppoll, which costs no epoll_ctl to add and
+// remove every connection.
 Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
-                        Backend eFixedBackend = Backend::kPoll);
+                        Backend eFixedBackend = Backend::kPoll, Backend eDeadlineBackend = Backend::kEpoll);
 
 // Opens the control FIFO "<pid>_<instance>" (kind 3) and, when pcNotifyName
 // is not null, the notification FIFO pcNotifyName of iNotifyKind. False after

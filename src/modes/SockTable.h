@@ -9,7 +9,9 @@
 //   static void Free(Entry&);   puts a row into the mode's free state
 // Rows are opened with Open() and addressed with SetPeer(), which keeps the
 // address index; the loop frees a row through FreeRow() when it closes the
-// descriptor.
+// descriptor. The index is built at the first lookup by address and kept from
+// then on, so a mode that never looks up by address (TS, TC) pays nothing for
+// it on every connection.
 #pragma once
 
 #include <algorithm>
@@ -36,13 +38,17 @@ public:
     void Reset(int iSize) {
         rows_.assign(static_cast<size_t>(iSize), Entry{});
         for (Entry& r : rows_) Entry::Free(r);
+        addressed_.assign(rows_.size(), false);
         byIp_.clear();
+        indexed_ = false;
         high_ = -1;
     }
     void Clear() {
         rows_.clear();
         rows_.shrink_to_fit();
+        addressed_.clear();
         byIp_.clear();
+        indexed_ = false;
         high_ = -1;
     }
 
@@ -68,11 +74,13 @@ public:
         std::memset(r.peerIp, 0, sizeof r.peerIp);
         std::memcpy(r.peerIp, ip.data(), std::min(ip.size(), sizeof r.peerIp));
         r.port = iPort;
-        byIp_[Key(r.peerIp)].insert(iFd);
+        addressed_[static_cast<size_t>(iFd)] = true;
+        if (indexed_) byIp_[Key(std::string_view(r.peerIp, sizeof r.peerIp))].insert(iFd);
     }
     void FreeRow(int iFd) override {
         if (!InRange(iFd)) return;
         Unindex(iFd);
+        addressed_[static_cast<size_t>(iFd)] = false;
         Entry::Free(rows_[static_cast<size_t>(iFd)]);
         while (high_ >= 0 && rows_[static_cast<size_t>(high_)].fd < 0) --high_;
     }
@@ -80,6 +88,7 @@ public:
     // The lowest open row whose peer address is ip (compared over the 16
     // bytes of the field), or -1.
     int FindByIp(std::string_view ip) const {
+        BuildIndex();
         auto it = byIp_.find(Key(ip));
         if (it == byIp_.end()) return -1;
         for (int fd : it->second)
@@ -88,6 +97,7 @@ public:
     }
     // The lowest open row with that address and port, or -1.
     int FindByIpPort(std::string_view ip, int iPort) const {
+        BuildIndex();
         auto it = byIp_.find(Key(ip));
         if (it == byIp_.end()) return -1;
         for (int fd : it->second) {
@@ -112,7 +122,18 @@ private:
         while (n < ip.size() && n < 16 && ip[n] != '\0') ++n;
         return std::string(ip.substr(0, n));
     }
+    // Indexes every row addressed through SetPeer and not freed since.
+    void BuildIndex() const {
+        if (indexed_) return;
+        for (size_t fd = 0; fd < rows_.size(); ++fd) {
+            if (!addressed_[fd]) continue;
+            const Entry& r = rows_[fd];
+            byIp_[Key(std::string_view(r.peerIp, sizeof r.peerIp))].insert(static_cast<int>(fd));
+        }
+        indexed_ = true;
+    }
     void Unindex(int iFd) {
+        if (!indexed_) return;
         const Entry& r = rows_[static_cast<size_t>(iFd)];
         auto it = byIp_.find(Key(std::string_view(r.peerIp, sizeof r.peerIp)));
         if (it == byIp_.end()) return;
@@ -121,7 +142,10 @@ private:
     }
 
     std::vector<Entry> rows_;
-    std::map<std::string, std::set<int>, std::less<>> byIp_;
+    std::vector<bool> addressed_;   // by row: addressed through SetPeer
+    // The address index and whether it is built yet; lookups build it.
+    mutable std::map<std::string, std::set<int>, std::less<>> byIp_;
+    mutable bool indexed_ = false;
     int high_ = -1;
 };
 

@@ -72,4 +72,11 @@ int SysGetAndSendTaskMsg(const char* pcRouteId, char* pcFrame, int iLen, int iFd
 int SysAnswerBack(char* pcFrame, int iLen, int iFd, int iTaskQid);
 int SysReadTaskQueue(int iTaskQid, QueueMsg* pstBuf);
 
+// ---- Persistent client and server (PC, PS) -----------------------------------
+// PS takes the listener shared with the supervisor as its fourth argument.
+// Their helpers (SysSendMsg, SysConnectIni, SysKeepAlive, ...) share names
+// with other modes' and stay in their files.
+int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+int SysTCPPS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iArg);
+
 }  // extern "C"

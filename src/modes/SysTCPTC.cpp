@@ -90,7 +90,9 @@ int SysTCPTC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     comp::Loop::Hooks hooks;
     hooks.ctx = &tc;
     hooks.idle = comp::Fn<TcIdle>;
-    tc.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    // One exchange per connection: ppoll in both wait styles (see ModeLoopSpec).
+    tc.loop.emplace(
+        comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
     comp::Loop& loop = *tc.loop;
     loop.SetRows(&tc.rows);
 

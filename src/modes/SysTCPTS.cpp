@@ -19,11 +19,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "base/SysGlobals.h"
@@ -64,8 +67,12 @@ struct SockEntry {
     }
 };
 
+// Whether accepted connections inherit the listener's receive low-water mark.
+enum class LowWater : uint8_t { kUnknown, kInherited, kPerConnection };
+
 struct Ts {
     char routeId[3] = {0};
+    int routeNo = 0;                    // the route id as the registry takes it
     RouteRecord route{};
     char routeName[65] = {0};
     int headerLen = 0;
@@ -77,6 +84,8 @@ struct Ts {
     std::vector<int> pending;           // requests forwarded and not yet answered, by descriptor
     std::optional<comp::Loop> loop;
     QueueMsg buf;                       // one request or answer at a time
+    char logPrefix[128] = {0};          // "$HOME/runs/log/com_<route name>_"; the peer IP and ".log" follow
+    LowWater lowWater = LowWater::kUnknown;
 };
 // SysResponseWork keeps its C signature, so it finds the mode through this.
 Ts* g_ts = nullptr;
@@ -86,6 +95,8 @@ void TsControl(Ts& ts, int fd, unsigned ev);
 void TsAccept(Ts& ts, int fd, unsigned ev);
 void TsAnswer(Ts& ts, int fd, unsigned ev);
 void TsRequest(Ts& ts, int fd, unsigned ev);
+void TsLowWater(Ts& ts, int fd);
+void TsLogPath(const Ts& ts, SockEntry& r);
 void TsCloseHook(Ts& ts, int fd);
 void TsQuit(Ts& ts);
 void TsClose(Ts& ts, int fd);
@@ -98,6 +109,7 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     static Ts ts;
     g_ts = &ts;
     std::snprintf(ts.routeId, sizeof ts.routeId, "%s", pcRouteId);
+    ts.routeNo = std::atoi(ts.routeId);
     ts.route = stRoute;
     ts.pid = getpid();
     std::snprintf(ts.routeName, sizeof ts.routeName, "%s", stRoute.caField[RT_ROUTENAME]);
@@ -130,7 +142,9 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     hooks.idle = comp::Fn<TsIdle>;
     hooks.close = comp::Fn<TsCloseHook>;
     hooks.quit = comp::Fn<TsQuit>;
-    ts.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    // One exchange per connection: ppoll in both wait styles (see ModeLoopSpec).
+    ts.loop.emplace(
+        comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
     comp::Loop& loop = *ts.loop;
     loop.SetRows(&ts.rows);
 
@@ -140,6 +154,10 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
         COMP_ERRLOG("%s,%d SysLsnInit error", SRC_NAME, __LINE__);
         return -1;
     }
+    const int lowat = ts.headerLen > 0 ? ts.headerLen : 1;   // handed on to accepted connections (TsLowWater)
+    setsockopt(ts.listenFd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
+    const char* home = getenv("HOME");
+    std::snprintf(ts.logPrefix, sizeof ts.logPrefix, "%s/runs/log/com_%s_", home ? home : "", ts.routeName);
     char name[32];
     std::snprintf(name, sizeof name, "%d", getpid());
     if (!comp::OpenModeFifos(SRC_NAME, iInstance, name, comp::kFifoPidNotify, &ts.fifos) ||
@@ -174,7 +192,8 @@ void TsControl(Ts& ts, int fd, unsigned) {
 void TsAccept(Ts& ts, int fd, unsigned) {
     char ip[17] = {0};
     int port = 0;
-    comp::UniqueFd conn(iSockAcceptInfo(fd, ip, &port));
+    // Non-blocking from the accept itself.
+    comp::UniqueFd conn(SockAcceptInfoFlags(fd, ip, &port, SOCK_NONBLOCK));
     if (!conn.valid()) {
         COMP_ERRLOG("[%s,%d]iSockAccept error.errno=%d,errmsg=[%s]", SRC_NAME, __LINE__, errno, std::strerror(errno));
         return;
@@ -183,17 +202,15 @@ void TsAccept(Ts& ts, int fd, unsigned) {
         COMP_ERRLOG("[%s,%d]Too many communication node.", SRC_NAME, __LINE__);
         return;
     }
-    // Not readable before a whole header can be read.
-    int lowat = ts.headerLen > 0 ? ts.headerLen : 1;
-    setsockopt(conn.get(), SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
-    if (iNoblockFd(conn.get()) != 0 || SysRegConnection(ip, port, &ts.route, conn.get(), 1) < 0) {
+    TsLowWater(ts, conn.get());
+    if (SysRegConnection(ip, port, &ts.route, conn.get(), 1) < 0) {
         int err = errno;
         conn.reset();
         COMP_ERRLOG("[%s,%d]iNoblockFd error.errno=%d[%s]", SRC_NAME, __LINE__, err, std::strerror(err));
         return;
     }
     if (!ts.loop->Watch(conn.get(), comp::Role::kConn, comp::Fn<TsRequest>, &ts)) {
-        SysDelConnection(std::atoi(ts.routeId), ip, port, 1);
+        SysDelConnection(ts.routeNo, ip, port, 1);
         return;
     }
     const int cfd = conn.release();
@@ -202,10 +219,40 @@ void TsAccept(Ts& ts, int fd, unsigned) {
     r.count = 0;
     r.lastActive = ts.loop->NowSec();
     ts.pending[cfd] = 0;
-    const char* home = getenv("HOME");
-    std::snprintf(r.logPath, sizeof r.logPath, "%s/runs/log/com_%s_%.16s.log", home ? home : "", ts.routeName,
-                  r.peerIp);
+    TsLogPath(ts, r);
     SysConnLog(cfd, r.logPath, LOG_DEBUG, nullptr, 0, "%.16s:%d connected", r.peerIp, port);
+}
+
+// "$HOME/runs/log/com_<route name>_<peer IP>.log", cut to the field, from
+// the prefix made at start (formatting it for every connection costs more
+// than the rest of the accept's own work).
+void TsLogPath(const Ts& ts, SockEntry& r) {
+    char* out = r.logPath;
+    size_t room = sizeof r.logPath - 1;
+    for (std::string_view part : {std::string_view(ts.logPrefix), std::string_view(r.peerIp, strnlen(r.peerIp, 16)),
+                                  std::string_view(".log")}) {
+        const size_t n = std::min(part.size(), room);
+        std::memcpy(out, part.data(), n);
+        out += n;
+        room -= n;
+    }
+    *out = '\0';
+}
+
+// A connection is not readable before a whole header can be read. The
+// listener carries the same low-water mark, and Linux copies a listener's
+// socket options into the sockets it accepts: the first connection shows
+// whether that holds here, and only where it does not is the mark set on
+// every connection.
+void TsLowWater(Ts& ts, int fd) {
+    const int lowat = ts.headerLen > 0 ? ts.headerLen : 1;
+    if (ts.lowWater == LowWater::kUnknown) {
+        int got = 0;
+        socklen_t len = sizeof got;
+        const bool inherited = getsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &got, &len) == 0 && got == lowat;
+        ts.lowWater = inherited ? LowWater::kInherited : LowWater::kPerConnection;
+    }
+    if (ts.lowWater == LowWater::kPerConnection) setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
 }
 
 void TsAnswer(Ts& ts, int, unsigned) {
@@ -286,7 +333,7 @@ void TsClose(Ts& ts, int fd) {
 
 void TsCloseHook(Ts& ts, int fd) {
     SockEntry& r = ts.rows[fd];
-    if (SysDelConnection(std::atoi(ts.routeId), r.peerIp, r.port, 1) < 0)
+    if (SysDelConnection(ts.routeNo, r.peerIp, r.port, 1) < 0)
         SysConnLog(r.fd, r.logPath, LOG_ERROR, nullptr, 0, "[%s,%d] [%s]SysDelConnection error", SRC_NAME, __LINE__,
                    r.peerIp);
     SysConnLog(r.fd, r.logPath, LOG_DEBUG, nullptr, 0, "[%s,%d] [%s]回应答成功", SRC_NAME, __LINE__, r.peerIp);

@@ -442,3 +442,15 @@ int WriteSpecData(int iFd, const char* pcData, int iLen) {
 int WriteFile(int iFd, const char* pcData, int iLen) { return WriteSpecData(iFd, pcData, iLen); }
 
 }  // extern "C"
+
+namespace comp {
+bool PlainDecimal(const char* pcText, int* piValue) {
+    constexpr int kMaxDigits = 9;   // nine digits always fit an int
+    auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    int iValue = 0, i = 0;
+    for (; i < kMaxDigits && isDigit(pcText[i]); ++i) iValue = iValue * 10 + (pcText[i] - '0');
+    if (i == 0 || isDigit(pcText[i])) return false;
+    *piValue = iValue;
+    return true;
+}
+}  // namespace comp

@@ -58,3 +58,12 @@ int WriteSpecData(int iFd, const char* pcData, int iLen);
 int WriteFile(int iFd, const char* pcData, int iLen);
 
 }  // extern "C"
+
+namespace comp {
+// The value of a text that starts with one to nine decimal digits followed by
+// anything but a digit (the usual configuration number), into *piValue; false
+// for any other text, which the caller reads with atoi or strtol as before.
+// Those go through the locale-aware strtol machinery, which costs several
+// times more for these short numbers read on every message.
+bool PlainDecimal(const char* pcText, int* piValue);
+}  // namespace comp

@@ -9,6 +9,12 @@
 // the configured backlog.
 int iSockListen(const char* pcIp, int iPort, int iBacklog);
 
+// iSockAcceptInfo with accept4 flags (SOCK_NONBLOCK, SOCK_CLOEXEC): a
+// connection that is to be non-blocking comes so from the accept itself,
+// which saves the iNoblockFd call per connection. The descriptor, or -1
+// without a log line.
+int SockAcceptInfoFlags(int iListenFd, char* pcIp, int* piPort, int iFlags);
+
 extern "C" {
 
 int iSockAccept(int iListenFd);

@@ -1,6 +1,9 @@
 // Plug-in hooks with the test plug-in built in the tree, the built-in
 // heartbeat frames and the MD5 check.
+#include <sys/socket.h>
+
 #include "UnitFixture.h"
+#include "base/FdUtil.h"
 #include "comp/SysPlugin.h"
 
 namespace {
@@ -90,6 +93,42 @@ TEST_F(PluginTest, Md5OfAllButTheLast16Bytes) {
     std::string msg = "x" + empty;
     EXPECT_EQ(SysCheckMd5(msg.data(), 17), -1);
     EXPECT_NE(Logs().find("SysCheckMd5 Error "), std::string::npos);
+}
+
+// The receiver plug-in, loaded for every message: a whole message is read
+// through it; without it, or without its function, nothing is read.
+TEST_F(PluginTest, ReceiverPluginReadsOneMessagePerCall) {
+    RouteRecord route{};
+    for (auto [col, value] : {std::pair{RT_MSGLENGETLEN, "4"}, {RT_MSGLENGETOFFSET, "0"}, {RT_MSGLENGETTYPE, "0"},
+                              {RT_MSGLENINTEL, "0"}, {RT_HEADERLEN, "4"}, {RT_MSGLENADJUST, "0"}})
+        std::snprintf(route.caField[col], sizeof route.caField[col], "%s", value);
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    comp::UniqueFd peer(sv[0]), mine(sv[1]);
+    std::vector<char> buf(65536);
+    int total = -7;
+    bool noReceiver = true;
+    const comp::NetRuleCall call{30, mine.get(), buf.data(), 4, &route, &total};
+    const std::string lib = run.file("runs/bin/libnetrule.so");
+    ASSERT_EQ(write(peer.get(), "0005hello0002hi", 15), 15);
+
+    EXPECT_EQ(comp::RecvByNetRule("T", call, &noReceiver), -1);
+    EXPECT_NE(Logs().find("lost " + lib), std::string::npos);
+    fs::copy_file(COMP_PLUGIN_DIR "/libnetrule.so", lib);
+    EXPECT_EQ(comp::RecvByNetRule("T", call, &noReceiver), 9);
+    EXPECT_EQ(std::string(buf.data(), 9), "0005hello");
+    EXPECT_EQ(total, 9);
+    EXPECT_FALSE(noReceiver);
+
+    fs::copy_file(COMP_PLUGIN_DIR "/libBeatMsg.so", lib, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(comp::RecvByNetRule("T", call, &noReceiver), 1) << "length 1 without SysRcvMulPkg";
+    EXPECT_TRUE(noReceiver);
+    EXPECT_NE(Logs().find("dlsym[" + lib + "]error="), std::string::npos);
+    run.write("runs/bin/libnetrule.so", "not a shared object");
+    EXPECT_EQ(comp::RecvByNetRule("T", call, &noReceiver), -1);
+    fs::copy_file(COMP_PLUGIN_DIR "/libnetrule.so", lib, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(comp::RecvByNetRule("T", call, &noReceiver), 6) << "nothing was lost on the way";
+    EXPECT_EQ(std::string(buf.data(), 6), "0002hi");
 }
 
 }  // namespace

@@ -87,20 +87,21 @@ TEST_F(FwPairTest, sixteen_clients_through_the_pair_get_their_own_answers) {
     std::vector<comp::UniqueFd> clients = Clients(16);
     EXPECT_TRUE(WaitFor("[ftp.pair] [pairuser] [pairpw]", 16)) << "N001 carries FWB's FTP settings";
     for (int round = 0; round < 3; ++round) {
+        auto text = [round](size_t i) {
+            return "c" + std::to_string(i) + " r" + std::to_string(round);
+        };
         for (size_t i = 0; i < clients.size(); ++i)
-            ASSERT_TRUE(Send(clients[i].get(), Frame("c" + std::to_string(i) + " r" + std::to_string(round))));
+            ASSERT_TRUE(Send(clients[i].get(), Frame(text(i))));
         for (size_t i = 0; i < clients.size(); ++i)
-            EXPECT_EQ(fwtest::ReadMessage(clients[i].get(), 5000),
-                      Frame("c" + std::to_string(i) + " r" + std::to_string(round)))
-                << Output();
+            EXPECT_EQ(fwtest::ReadMessage(clients[i].get(), 5000), Frame(text(i))) << Output();
     }
     clients[3].reset();
     EXPECT_TRUE(WaitFor("N003 pid", 1)) << "a client leaving FWB leaves TranP too";
 }
 
 // Either end of the link dropping takes the clients with it; the pair comes
-// back by itself (FWB reconnects by timer, the supervisor restarts the one
-// that ended).
+// back once the one that ended is started again (the supervisor restarts
+// nothing by itself; SIGUSR1 asks it to), FWB reconnecting by timer.
 TEST_F(FwPairTest, either_end_of_the_link_dropping_ends_its_clients_and_the_pair_recovers) {
     StartPair();
     std::vector<comp::UniqueFd> clients = Clients(2);
@@ -110,6 +111,8 @@ TEST_F(FwPairTest, either_end_of_the_link_dropping_ends_its_clients_and_the_pair
         comptest::ReadUntilClose(c.get(), 5000, &closed);
         EXPECT_TRUE(closed) << Output();
     }
+    ASSERT_TRUE(WaitFor("killed by signal 9; not restarted", 1)) << Output();
+    kill(supervisor, SIGUSR1);
     ASSERT_TRUE(WaitFor("accept reported by FWS61_1", 2)) << "FWB's link is back" << Output();
 
     clients = Clients(3);
@@ -117,6 +120,8 @@ TEST_F(FwPairTest, either_end_of_the_link_dropping_ends_its_clients_and_the_pair
     EXPECT_EQ(fwtest::ReadMessage(clients[0].get(), 5000), Frame("after"));
     kill(Started("FWB60_1"), SIGKILL);
     EXPECT_TRUE(WaitFor("N003 pid", 3)) << "FWS ends each client of the lost link" << Output();
+    ASSERT_TRUE(WaitFor("killed by signal 9; not restarted", 2)) << Output();
+    kill(supervisor, SIGUSR1);
     ASSERT_TRUE(WaitFor("accept reported by FWS61_1", 3)) << Output();
     clients = Clients(1);
     ASSERT_TRUE(Send(clients[0].get(), Frame("again")));

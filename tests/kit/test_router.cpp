@@ -358,4 +358,26 @@ TEST(NetTools, echo_server_refuses_an_answer_its_length_field_cannot_hold) {
         << comptest::ReadFile(server.outputPath);
 }
 
+TEST(NetTools, echo_server_keeps_the_connection_and_sends_and_answers_heartbeats) {
+    comptest::TempRunDir run;
+    const int port = comptest::FreeLoopbackPort();
+    kit::SpawnOptions server;
+    server.path = comptest::CompkitBinary();
+    server.argv = {server.path, "echo-server", "127.0.0.1:" + std::to_string(port), "--frame", "4,0,4,0",
+                   "--prefix", "re:", "--heartbeat", "0602", "--beat-every", "1"};
+    server.outputPath = run.file("log/echo.out");
+    std::string why;
+    const pid_t srv = kit::Spawn(server, &why);
+    ASSERT_GT(srv, 0) << why;
+    comp::UniqueFd c = comptest::Connect(port);
+    const int64_t start = kit::NowMs();
+    EXPECT_EQ(comptest::ReadFrame(c.get(), 3000), "00040602") << "a heartbeat after a second of silence";
+    EXPECT_GE(kit::NowMs() - start, 900);
+    ASSERT_TRUE(comptest::Send(c.get(), comptest::Frame("0602") + comptest::Frame("x")));
+    EXPECT_EQ(comptest::ReadFrame(c.get(), 3000), "00040602") << "a heartbeat is answered with one";
+    EXPECT_EQ(comptest::ReadFrame(c.get(), 3000), "0004re:x");
+    EXPECT_EQ(comptest::ReadFrame(c.get(), 3000), "00040602") << "the connection stays, and so do the beats";
+    kit::StopChild(srv, 3000);
+}
+
 }  // namespace

@@ -34,6 +34,17 @@ TEST(SockTable, finds_rows_by_address_and_port_lowest_descriptor_first) {
     }
     t.Open(12);
     t.SetPeer(12, "10.0.0.2", 5);
+    // Changes before the first lookup, which builds the index.
+    t.Open(30);
+    t.SetPeer(30, "10.0.0.9", 1);
+    t.SetPeer(30, "10.0.0.7", 2);
+    t.Open(31);
+    t.SetPeer(31, "10.0.0.8", 1);
+    t.FreeRow(31);
+    EXPECT_EQ(t.FindByIp("10.0.0.9"), -1);
+    EXPECT_EQ(t.FindByIp("10.0.0.8"), -1);
+    EXPECT_EQ(t.FindByIpPort("10.0.0.7", 2), 30);
+    t.FreeRow(30);
     EXPECT_EQ(t.FindByIp("10.0.0.1"), 9);
     EXPECT_EQ(t.FindByIpPort("10.0.0.1", 1040), 40);
     EXPECT_EQ(t.FindByIpPort("10.0.0.1", 5), -1);
@@ -108,6 +119,22 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
     comp::UniqueFd third = comptest::DialLoopback(port);
     EXPECT_EQ(comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{}).outcome,
               comp::AcceptOutcome::kReportFailed);
+}
+
+TEST_F(ModeSetupTest, loop_spec_takes_the_backend_of_the_configured_wait_style) {
+    using comp::Backend;
+    using comp::WaitStyle;
+    run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\n[]\n");
+    comp::Loop::Spec spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kPoll, Backend::kEpoll);
+    EXPECT_EQ(spec.eStyle, WaitStyle::kFixed);
+    EXPECT_EQ(spec.eBackend, Backend::kPoll);
+    EXPECT_EQ(spec.lWaitUsec, 100);
+    run.write("etc/app.cfg", "[APPVARS]\nCOMP_WAIT deadline\n[]\n");
+    spec = comp::ModeLoopSpec("S", "M", 64, 100);
+    EXPECT_EQ(spec.eStyle, WaitStyle::kDeadline);
+    EXPECT_EQ(spec.eBackend, Backend::kEpoll) << "epoll unless the mode says otherwise";
+    spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kEpoll, Backend::kPoll);
+    EXPECT_EQ(spec.eBackend, Backend::kPoll);
 }
 
 TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_one) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -138,6 +139,17 @@ TEST(DigitString, LeadingZeros) {
     EXPECT_STREQ(out, "120");
     trimZero(out, "");
     EXPECT_STREQ(out, "0");
+}
+
+TEST(DigitString, PlainDecimalReadsWhatAtoiReadsOrDeclines) {
+    int v = -1;
+    for (const char* text : {"0", "4", "0012", "30 ", "65535x", "123456789", "7\0" "9"}) {
+        ASSERT_TRUE(comp::PlainDecimal(text, &v)) << text;
+        EXPECT_EQ(v, std::atoi(text)) << text;
+    }
+    // Blanks, signs, ten digits and no digits at all are left to atoi.
+    for (const char* text : {"", " 12", "+1", "-1", "1234567890", "x1"})
+        EXPECT_FALSE(comp::PlainDecimal(text, &v)) << text;
 }
 
 }  // namespace

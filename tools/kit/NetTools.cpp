@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -30,6 +31,8 @@ struct NetArgs {
     Framing framing;
     std::string headerFill;
     std::string prefix;          // echo-server: put in front of each answer body
+    std::string heartbeat;       // echo-server: body of its heartbeat; a message beginning so is one
+    int beatEverySec = 0;        // echo-server: heartbeat after this many seconds without sending
     std::vector<std::string> words;
     int count = 1;
     int timeoutMs = 5000;
@@ -58,6 +61,13 @@ bool ParseNetArgs(const std::vector<std::string>& a, bool client, NetArgs* out, 
         else if (w == "--route") ok = TakeValue(a, &i, &route);
         else if (w == "--header") ok = TakeValue(a, &i, &out->headerFill);
         else if (w == "--prefix" && !client) ok = TakeValue(a, &i, &out->prefix);
+        else if (w == "--heartbeat" && !client) ok = TakeValue(a, &i, &out->heartbeat) && !out->heartbeat.empty();
+        else if (w == "--beat-every" && !client) {
+            ok = TakeValue(a, &i, &v);
+            auto n = ParseLong(v);
+            ok = ok && n && *n >= 1 && *n <= 86400;
+            if (ok) out->beatEverySec = static_cast<int>(*n);
+        }
         else if (w == "--no-answer" && client) out->wantAnswer = false;
         else if (w == "--reconnect" && client) out->reconnect = true;
         else if ((w == "--count" || w == "--timeout") && client) {
@@ -238,10 +248,20 @@ int RunEchoServer(const std::vector<std::string>& args) {
     if (!ParseNetArgs(args, false, &a, &why) || !a.words.empty()) {
         std::fprintf(stderr,
                      "compkit echo-server: %s\nusage: compkit echo-server IP:PORT [--frame H,O,W,T[,I[,A]] | "
-                     "--rundir DIR --route ID] [--prefix TEXT]\n",
+                     "--rundir DIR --route ID] [--prefix TEXT]\n"
+                     "         [--heartbeat BODY [--beat-every SECONDS]]\n",
                      why.empty() ? "unexpected words" : why.c_str());
         return 2;
     }
+    if (a.beatEverySec > 0 && a.heartbeat.empty()) {
+        std::fprintf(stderr, "compkit echo-server: --beat-every needs --heartbeat BODY\n");
+        return 2;
+    }
+    if (!a.heartbeat.empty() && !a.framing.fits(a.heartbeat.size(), &why)) {
+        std::fprintf(stderr, "compkit echo-server: heartbeat: %s\n", why.c_str());
+        return 2;
+    }
+    const std::vector<char> beat = a.framing.encode(a.heartbeat);
     UniqueFd lsn = ListenOn(a.ip, a.port, 64);
     if (!lsn.valid()) {
         std::fprintf(stderr, "compkit echo-server: %s:%d: %s\n", a.ip.c_str(), a.port, std::strerror(errno));
@@ -258,13 +278,18 @@ int RunEchoServer(const std::vector<std::string>& args) {
         UniqueFd fd;
         FrameReader reader;
         std::string peer;
+        int64_t lastSendMs;
     };
     std::map<int, Conn> conns;
+    const int64_t beatMs = static_cast<int64_t>(a.beatEverySec) * 1000;
     while (!g_netStop) {
         std::vector<pollfd> fds{{lsn.get(), POLLIN, 0}};
-        for (auto& [fd, c] : conns) fds.push_back({fd, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), 200) <= 0) continue;
-        if (fds[0].revents & POLLIN) {
+        int waitMs = 200;
+        for (auto& [fd, c] : conns) {
+            fds.push_back({fd, POLLIN, 0});
+            if (beatMs > 0) waitMs = static_cast<int>(std::clamp<int64_t>(c.lastSendMs + beatMs - NowMs(), 0, waitMs));
+        }
+        if (poll(fds.data(), fds.size(), waitMs) > 0 && (fds[0].revents & POLLIN)) {
             sockaddr_in peer{};
             socklen_t len = sizeof peer;
             int fd = accept4(lsn.get(), reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
@@ -272,23 +297,29 @@ int RunEchoServer(const std::vector<std::string>& args) {
                 char ip[INET_ADDRSTRLEN] = "?";
                 inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
                 std::string name = std::string(ip) + ":" + std::to_string(ntohs(peer.sin_port));
-                conns.emplace(fd, Conn{UniqueFd(fd), FrameReader(a.framing), name});
+                conns.emplace(fd, Conn{UniqueFd(fd), FrameReader(a.framing), name, NowMs()});
                 std::printf("%s echo-server: %s connected\n", ClockText().c_str(), name.c_str());
             }
         }
         for (size_t i = 1; i < fds.size(); ++i) {
-            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             Conn& c = conns.at(fds[i].fd);
-            char buf[4096];
-            ssize_t n = recv(fds[i].fd, buf, sizeof buf, 0);
-            bool closeIt = n <= 0;
-            if (n > 0) c.reader.feed(buf, static_cast<size_t>(n));
+            bool closeIt = false;
+            if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) {
+                char buf[4096];
+                ssize_t n = recv(fds[i].fd, buf, sizeof buf, 0);
+                closeIt = n <= 0;
+                if (n > 0) c.reader.feed(buf, static_cast<size_t>(n));
+            }
             bool bad = false;
             while (auto m = c.reader.next(&bad)) {
                 const int hl = a.framing.headerLen;
-                std::string body = a.prefix + std::string(m->data() + hl, m->size() - static_cast<size_t>(hl));
-                std::printf("%s echo-server: %s sent %s\n", ClockText().c_str(), c.peer.c_str(),
-                            Describe(a.framing, *m).c_str());
+                const std::string_view got(m->data() + hl, m->size() - static_cast<size_t>(hl));
+                // A heartbeat is answered with this server's own; anything
+                // else comes back with the prefix.
+                const bool isBeat = !a.heartbeat.empty() && got.substr(0, a.heartbeat.size()) == a.heartbeat;
+                std::printf("%s echo-server: %s sent %s%s\n", ClockText().c_str(), c.peer.c_str(),
+                            isBeat ? "a heartbeat: " : "", Describe(a.framing, *m).c_str());
+                const std::string body = isBeat ? a.heartbeat : a.prefix + std::string(got);
                 // A length field that cannot hold the answer's length would
                 // lie about it: no answer, and the connection is closed.
                 if (std::string tooLong; !a.framing.fits(body.size(), &tooLong)) {
@@ -297,13 +328,20 @@ int RunEchoServer(const std::vector<std::string>& args) {
                     closeIt = true;
                     break;
                 }
-                std::vector<char> out = a.framing.encode(body, std::string_view(m->data(), static_cast<size_t>(hl)));
+                std::vector<char> out =
+                    isBeat ? beat : a.framing.encode(body, std::string_view(m->data(), static_cast<size_t>(hl)));
                 if (!SendAll(fds[i].fd, out)) closeIt = true;
+                c.lastSendMs = NowMs();
             }
             if (bad) {
                 std::printf("%s echo-server: %s sent a header with an unusable length\n", ClockText().c_str(),
                             c.peer.c_str());
                 closeIt = true;
+            }
+            if (!closeIt && beatMs > 0 && NowMs() - c.lastSendMs >= beatMs) {
+                closeIt = !SendAll(fds[i].fd, beat);
+                c.lastSendMs = NowMs();
+                std::printf("%s echo-server: heartbeat to %s\n", ClockText().c_str(), c.peer.c_str());
             }
             if (closeIt) {
                 std::printf("%s echo-server: %s closed\n", ClockText().c_str(), c.peer.c_str());

@@ -1,6 +1,8 @@
 // `compkit send` and `compkit echo-server`: a small client and server that
 // speak a route's framing, to try a route by hand or to stand in for the
-// remote server behind a client route.
+// remote server behind a client route. The echo server keeps its connections
+// open, so a persistent client has a server to talk to, and can send and
+// answer heartbeats.
 #pragma once
 
 #include <string>

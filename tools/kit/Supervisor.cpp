@@ -35,15 +35,15 @@ namespace kit {
 
 namespace {
 
-constexpr int kFirstBackoffMs = 1000;
-constexpr int kMaxBackoffMs = 30000;
-constexpr int64_t kStableRunMs = 30000;   // a run this long resets the back-off
 constexpr int kLoopWaitMs = 50;
 constexpr int kListenBacklog = 128;
 constexpr int kRouterGraceMs = 2000;
 
 std::atomic<bool> g_stop{false};
 extern "C" void OnStopSignal(int) { g_stop = true; }
+// SIGUSR1: the operator asks for the ended processes to be started again.
+std::atomic<bool> g_startEnded{false};
+extern "C" void OnStartEndedSignal(int) { g_startEnded = true; }
 
 struct Child {
     bool isRouter = false;
@@ -51,9 +51,6 @@ struct Child {
     int instance = 0;
     std::string name;
     pid_t pid = -1;
-    int64_t startedMs = 0;
-    int backoffMs = kFirstBackoffMs;
-    int64_t restartAtMs = 0;
     int listener = -1;  // index into the listeners, -1 for none
 };
 
@@ -63,6 +60,7 @@ struct Listener {
     unsigned next = 0;       // round-robin position among the route's instances
     pid_t pendingPid = -1;   // told to accept, no report yet
     int64_t pendingSinceMs = 0;
+    bool orphanNoted = false;  // said that a client waits and no instance can take it
 };
 
 // A listening socket that the instances inherit: non-blocking, so that an
@@ -101,7 +99,7 @@ private:
     bool openListeners();
     void start(Child& c);
     void reap(bool stopping);
-    void restartDue();
+    void startEnded();
     void readNotices();
     void serveListeners();
     void cleanAfter(const Child& c, pid_t pid);
@@ -161,12 +159,8 @@ void Supervisor::start(Child& c) {
     }
     std::string why;
     c.pid = Spawn(plan, &why);
-    c.startedMs = NowMs();
-    c.restartAtMs = 0;
     if (c.pid < 0) {
-        c.restartAtMs = NowMs() + c.backoffMs;
-        say("%s: cannot start: %s; trying again in %d s", c.name.c_str(), why.c_str(), c.backoffMs / 1000);
-        c.backoffMs = std::min(c.backoffMs * 2, kMaxBackoffMs);
+        say("%s: cannot start: %s", c.name.c_str(), why.c_str());
         return;
     }
     names_[c.pid] = c.name;
@@ -216,25 +210,19 @@ void Supervisor::reap(bool stopping) {
     while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
         Child* c = byPid(pid);
         if (c == nullptr) continue;
-        const int64_t ran = NowMs() - c->startedMs;
         c->pid = -1;
         cleanAfter(*c, pid);
-        if (stopping) {
-            say("%s pid %d %s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str());
-            continue;
-        }
-        if (ran >= kStableRunMs) c->backoffMs = kFirstBackoffMs;
-        c->restartAtMs = NowMs() + c->backoffMs;
-        say("%s pid %d %s; restarting in %d s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str(),
-            c->backoffMs / 1000);
-        c->backoffMs = std::min(c->backoffMs * 2, kMaxBackoffMs);
+        say("%s pid %d %s%s", c->name.c_str(), pid, DescribeWaitStatus(status).c_str(),
+            stopping ? "" : "; not restarted");
     }
 }
 
-void Supervisor::restartDue() {
-    const int64_t now = NowMs();
+// On the operator's request only: every process that has ended, once more.
+void Supervisor::startEnded() {
+    const auto ended = std::count_if(children_.begin(), children_.end(), [](const Child& c) { return c.pid < 0; });
+    say("asked to start the %d ended process%s again", static_cast<int>(ended), ended == 1 ? "" : "es");
     for (Child& c : children_)
-        if (c.pid < 0 && c.restartAtMs != 0 && c.restartAtMs <= now) start(c);
+        if (c.pid < 0) start(c);
 }
 
 void Supervisor::readNotices() {
@@ -298,11 +286,17 @@ void Supervisor::serveListeners() {
             l.next = static_cast<unsigned>((l.next + tried + 1) % mine.size());
             l.pendingPid = c->pid;
             l.pendingSinceMs = NowMs();
+            l.orphanNoted = false;
             say("client waiting on route %d: told %s to accept", l.route->id, c->name.c_str());
             break;
         }
-        // No instance has its control FIFO yet: the client waits for the next pass.
-        if (l.pendingPid < 0) SleepMs(kLoopWaitMs);
+        if (l.pendingPid >= 0) continue;
+        // No instance has its control FIFO (yet, or any more): the client
+        // waits in the listen queue.
+        if (!l.orphanNoted && mine.empty())
+            say("client waiting on route %d: no instance of the route runs to accept it", l.route->id);
+        l.orphanNoted = l.orphanNoted || mine.empty();
+        SleepMs(kLoopWaitMs);
     }
 }
 
@@ -374,7 +368,7 @@ int Supervisor::run() {
 
     while (!g_stop) {
         reap(false);
-        restartDue();
+        if (g_startEnded.exchange(false)) startEnded();
         readNotices();
         serveListeners();
     }
@@ -412,6 +406,9 @@ int RunSupervisor(const SupervisorOptions& optIn) {
     sa.sa_handler = OnStopSignal;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    g_startEnded = false;
+    sa.sa_handler = OnStartEndedSignal;
+    sigaction(SIGUSR1, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
     Supervisor sup(opt, std::move(cfg));
     return sup.run();

@@ -1,9 +1,13 @@
-// The stand-in supervisor (Commonp): starts the router and every instance of
-// compkit.cfg, reports their logon, logoff and accept notices from queue 6,
-// shares the listeners of the shared-listener modes (one "0" on an instance's
-// control FIFO per waiting client, round robin), restarts instances that end,
-// and on SIGINT or SIGTERM asks every instance to quit ("x"), waits, and
-// takes the platform down.
+// The stand-in supervisor (Commonp) and starting process: starts the router
+// and every instance of compkit.cfg, reports their logon, logoff and accept
+// notices from queue 6, and is the starting process of the shared-listener
+// routes: it opens each such route's listener, hands it to every instance of
+// the route as the fourth argument, and writes one "0" into an instance's
+// control FIFO per waiting client, taking the instances in turn. It restarts
+// nothing by itself: a process that ends is reported and stays ended until
+// the operator sends SIGUSR1, which starts every ended process again. On
+// SIGINT or SIGTERM it asks every instance to quit ("x"), waits, and takes the
+// platform down.
 #pragma once
 
 #include <string>

@@ -32,6 +32,7 @@ protected:
         setup.routes = {row};
         for (RouteRow& r : more) setup.routes.push_back(r);
         for (const auto& [k, v] : vars) setup.vars[k] = v;
+        for (const std::string& k : dropVars) setup.vars.erase(k);
         setup.appVars = appVars;
         StartPlatform(setup);
         mode_ = mode;
@@ -81,6 +82,17 @@ protected:
             if (kit::NowMs() >= end) return false;
         }
     }
+    // How often `text` occurs in the logs now.
+    int LogCount(const std::string& text) const {
+        const std::string logs = AllLogs();
+        int n = 0;
+        for (size_t p = logs.find(text); p != std::string::npos; p = logs.find(text, p + 1)) ++n;
+        return n;
+    }
+    // Whether `text` occurs at least `count` times in the logs within ms.
+    bool AwaitLog(const std::string& text, int count = 1, int ms = 5000) const {
+        return AwaitCount([&] { return AllLogs(); }, text, count, ms);
+    }
     // Whether `text` occurs at least `count` times in what `read` returns
     // within ms.
     static bool AwaitCount(const std::function<std::string()>& read, const std::string& text, int count,
@@ -108,6 +120,7 @@ protected:
     pid_t pid = 0;
     std::vector<std::string> compEnv;          // extra environment of comp (FastClock)
     std::map<std::string, std::string> vars;   // [LOADVARS] changes
+    std::vector<std::string> dropVars;         // [LOADVARS] left out
     std::map<std::string, std::string> appVars;   // further [APPVARS] of app.cfg
     std::unique_ptr<QueueMsg> buf = std::make_unique<QueueMsg>();
 

@@ -233,8 +233,9 @@ const char* FaketimeLibrary() {
         if (access(lib, R_OK) == 0) return lib;
     return nullptr;
 }
-// libfaketime is preloaded ahead of the sanitizer runtime of a sanitized
-// comp, which the runtime refuses unless told that the order is meant.
+// A library preloaded ahead of the sanitizer runtime of a sanitized comp
+// (libfaketime, the connect-fault shim) is refused unless the runtime is told
+// that the order is meant.
 std::string SanitizerOrderOption() {
     const char* given = getenv("ASAN_OPTIONS");
     std::string opts = given != nullptr ? given : "";
@@ -242,18 +243,24 @@ std::string SanitizerOrderOption() {
 }
 }  // namespace
 
+std::vector<std::string> PlatformTest::PreloadEnv(const std::string& lib) {
+    return {"LD_PRELOAD=" + lib, SanitizerOrderOption()};
+}
+
 std::vector<std::string> PlatformTest::FastClock(int speed) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1",
-            SanitizerOrderOption()};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_RESET=1"});
+    return env;
 }
 
 std::vector<std::string> PlatformTest::SteppedClock(const std::string& specFile) {
     const char* lib = FaketimeLibrary();
     if (lib == nullptr) return {};
-    return {std::string("LD_PRELOAD=") + lib, "FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1",
-            SanitizerOrderOption()};
+    std::vector<std::string> env = PreloadEnv(lib);
+    env.insert(env.end(), {"FAKETIME_TIMESTAMP_FILE=" + specFile, "FAKETIME_NO_CACHE=1"});
+    return env;
 }
 
 size_t PlatformTest::StartComp(const std::vector<std::string>& args, const std::vector<std::string>& env,

@@ -75,6 +75,8 @@ protected:
     // The environment that runs comp under libfaketime with its clock going
     // `speed` times as fast ({} when libfaketime is not installed).
     static std::vector<std::string> FastClock(int speed);
+    // The environment that preloads a library into comp.
+    static std::vector<std::string> PreloadEnv(const std::string& lib);
     // The environment that runs comp under libfaketime with the offset read
     // from specFile on every clock read ("+0", then e.g. "-30" steps comp's
     // clock 30 seconds back at once); {} when libfaketime is not installed.
