@@ -1,4 +1,6 @@
-// Stream framing under arbitrary route rules and arbitrary bytes.
+// Stream framing under arbitrary route rules and arbitrary bytes, for the
+// two targets of the framing: fuzz_frame reads the stream from memory,
+// fuzz_frame_socket from a socket pair, as comp reads a connection.
 //
 // Input: one line of eleven '|'-separated rule texts, then the stream bytes:
 //   MSGLENGETLEN|MSGLENGETOFFSET|MSGLENGETTYPE|MSGLENINTEL|HEADERLEN|
@@ -7,8 +9,10 @@
 // The length rule goes into a RouteRecord, the type rule into route 301's
 // row of a private table segment. The bytes are framed three ways: as a
 // header of exactly their size (SysGetLenFromHead), as a message of exactly
-// their size (SysGetMsgTypeFromMsg), and as a stream read from a socket
-// pair (SysTcpRecvMsg, then the type of each message read).
+// their size (SysGetMsgTypeFromMsg), and as a stream (SysTcpRecvMsg's
+// reader, then the type of each message read).
+#pragma once
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -27,8 +31,9 @@
 #include "TableImage.h"
 #include "base/SysGlobals.h"
 #include "comp/SysNetFrame.h"
+#include "util/SysTcpBasi.h"
 
-namespace {
+namespace compfuzz {
 
 constexpr int kRuleCount = 11;
 constexpr size_t kMaxRuleText = 31;     // a route field holds 31 characters and a NUL
@@ -65,16 +70,16 @@ struct Environment {
     }
 };
 
-Environment& Env() {
+inline Environment& Env() {
     static Environment env;
     return env;
 }
 
-void PutField(RouteRecord& stRoute, RouteColumn eCol, std::string_view text) {
+inline void PutField(RouteRecord& stRoute, RouteColumn eCol, std::string_view text) {
     if (!text.empty()) std::memcpy(stRoute.caField[eCol], text.data(), text.size());
 }
 
-void WriteTypeRule(const std::string_view (&rules)[kRuleCount]) {
+inline void WriteTypeRule(const std::string_view (&rules)[kRuleCount]) {
     std::vector<std::string> row(28);
     row[RT_ROUTEID] = "301";
     row[RT_ROUTEMONID] = "1";
@@ -91,36 +96,46 @@ void WriteTypeRule(const std::string_view (&rules)[kRuleCount]) {
 
 // The message type through a 16-byte output of its own, so that any write
 // past it is caught.
-void TypeOf(const char* pcMsg, int iLen) {
+inline void TypeOf(const char* pcMsg, int iLen) {
     auto out = std::make_unique<char[]>(kTypeOutLen);
     std::memset(out.get(), 0, kTypeOutLen);
     SysGetMsgTypeFromMsg(pcMsg, iLen, "301", out.get());
 }
 
-void FrameStream(const RouteRecord& stRoute, std::string_view bytes) {
-    int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
-    fcntl(sv[0], F_SETFL, O_NONBLOCK);
-    if (!bytes.empty()) (void)!write(sv[1], bytes.data(), bytes.size());
-    shutdown(sv[1], SHUT_WR);
-    auto buf = std::make_unique<QueueMsg>();
+// Messages read from the source until one cannot be.
+inline void FrameMessages(const comp::ByteSource& src, int iSock, const RouteRecord& stRoute) {
+    static QueueMsg* buf = new QueueMsg;
     for (int i = 0; i < kMaxMessagesPerInput; ++i) {
         int iErr = 0;
-        int iLen = SysTcpRecvMsg(sv[0], &stRoute, buf.get(), &iErr);
+        int iLen = comp::RecvFramedMsg(src, iSock, &stRoute, buf, &iErr);
         if (iLen <= 0) break;
         if (iLen > comp::kMaxNetMsgLen) std::abort();
         TypeOf(buf->caText, iLen);
         char caType[kTypeOutLen] = {};
         SysGetMsgTypeFromHead(buf->caText, "301", caType);
     }
+}
+
+// The stream through a socket pair whose writer has left.
+inline void FrameSocketStream(const RouteRecord& stRoute, std::string_view bytes) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
+    fcntl(sv[0], F_SETFL, O_NONBLOCK);
+    if (!bytes.empty()) (void)!write(sv[1], bytes.data(), bytes.size());
+    shutdown(sv[1], SHUT_WR);
+    FrameMessages(comp::SocketSource(sv[0]), sv[0], stRoute);
     close(sv[0]);
     close(sv[1]);
 }
 
-}  // namespace
+enum class Via { kMemory, kSocket };
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pucData, size_t iSize) {
+// From memory the error-log records are dropped once formatted; through the
+// socket they go to the file, as in the process.
+inline void FuzzFrame(const uint8_t* pucData, size_t iSize, Via eVia) {
     Env();
+    static const bool bDropped = eVia == Via::kMemory && (DropErrLogRecords(), true);
+    (void)bDropped;
     std::string_view input(reinterpret_cast<const char*>(pucData), iSize);
     size_t iEol = input.find('\n');
     std::string_view ruleLine = iEol == std::string_view::npos ? input : input.substr(0, iEol);
@@ -155,6 +170,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pucData, size_t iSize) {
     if (iBody >= 0 && iLen + static_cast<long>(iBody) > comp::kMaxNetMsgLen) std::abort();
     TypeOf(exact.get(), iLen);
 
-    FrameStream(stRoute, bytes);
-    return 0;
+    if (eVia == Via::kSocket) {
+        FrameSocketStream(stRoute, bytes);
+        return;
+    }
+    comp::MemorySource mem(bytes);
+    FrameMessages(mem.source(), -1, stRoute);
 }
+
+}  // namespace compfuzz
