@@ -6,13 +6,9 @@
 //   0  a 4-byte header of decimal digits giving the body length
 //   1  a 2-byte header, 16-bit length in network order
 //   2  a 4-byte header, 32-bit length in host order counting the header too
-// The bytes are put on a socket pair whose writer then leaves, and units
-// are read until one cannot be, as the mode reads them.
+// Units are read from the bytes in memory until one cannot be, as the mode
+// reads them from its connection.
 #pragma once
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -20,6 +16,7 @@
 #include <memory>
 
 #include "FuzzSupport.h"
+#include "base/ByteSource.h"
 #include "base/SysTypes.h"
 #include "modes/FwHeader.h"
 
@@ -50,16 +47,13 @@ inline void FuzzLink(const uint8_t* data, size_t size, comp::fw::Reader reader) 
     if (size == 0) return;
     const RouteRecord stRoute = FwFraming(data[0]);
     const size_t len = size - 1 > kMaxStream ? kMaxStream : size - 1;
-    int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
-    fcntl(sv[0], F_SETFL, O_NONBLOCK);
-    if (len > 0 && write(sv[1], data + 1, len) != static_cast<ssize_t>(len)) std::abort();
-    shutdown(sv[1], SHUT_WR);
+    comp::MemorySource mem(data + 1, len);
+    const comp::ByteSource src = mem.source();
 
-    auto buf = std::make_unique<QueueMsg>();
+    static QueueMsg* buf = new QueueMsg;
     for (int units = 0; units < 256; ++units) {
         fw::Unit u;
-        fw::UnitStatus st = fw::ReadUnit(sv[0], reader, stRoute, buf.get(), &u);
+        fw::UnitStatus st = fw::ReadUnit(src, -1, reader, stRoute, buf, &u);
         if (st == fw::UnitStatus::kHeaderShort || st == fw::UnitStatus::kMessageFailed) break;
         // What the modes rely on: a bounded message, a NUL-terminated address,
         // nothing read behind a lone A or Z, and a header that builds back.
@@ -75,8 +69,6 @@ inline void FuzzLink(const uint8_t* data, size_t size, comp::fw::Reader reader) 
         // A server cannot go past a unit of unknown kind; a forwarder drops it and reads on.
         if (st == fw::UnitStatus::kUnknownKind && reader == fw::Reader::kServer) break;
     }
-    close(sv[0]);
-    close(sv[1]);
 }
 
 }  // namespace compfuzz

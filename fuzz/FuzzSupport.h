@@ -15,6 +15,7 @@
 #include <string>
 
 #include "base/SysGlobals.h"
+#include "log/ErrLog.h"
 
 namespace compfuzz {
 
@@ -42,12 +43,20 @@ inline const std::string& RunDir() {
     return holder.path;
 }
 
-// Points the logs into the run directory, drops trace entries, and empties
-// the log directory now and then so that a long run does not fill the disk.
+// Error-log records are formatted as ever and then dropped: writing them
+// would cost more than the parse that reports them.
+inline void DropErrLogRecords() {
+    comp::log::SetErrFileWriter([](const char*, std::size_t) {});
+}
+
+// Drops the error-log records, points the other logs into the run
+// directory, drops trace entries, and empties the log directory now and then
+// so that a long run does not fill the disk.
 inline void KeepLogsSmall() {
     static unsigned long calls = 0;
     auto& log = g_stProcState.stLog;
     if (calls++ % 4096 == 0) {
+        DropErrLogRecords();
         std::error_code ec;
         for (const auto& e : std::filesystem::directory_iterator(RunDir() + "/log", ec))
             std::filesystem::remove(e.path(), ec);

@@ -1,13 +1,11 @@
-// Arbitrary bytes as sys.cfg, read by the CommCfg reader and the four
-// section readers.
-#include <fcntl.h>
-#include <unistd.h>
-
+// Arbitrary bytes as sys.cfg, read from memory by the CommCfg reader and
+// the four section readers.
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "FuzzSupport.h"
+#include "config/CfgSource.h"
 #include "config/SysRscApp.h"
 
 namespace {
@@ -22,26 +20,22 @@ int Count(int32_t iFromCfg) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    namespace cfg = comp::cfg;
     compfuzz::KeepLogsSmall();
-    static const std::string path = compfuzz::RunDir() + "/etc/sys.cfg";
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0) return 0;
-    bool bWritten = write(fd, data, size) == static_cast<ssize_t>(size);
-    close(fd);
-    if (!bWritten) return 0;
+    const cfg::CfgSource src(std::string_view(reinterpret_cast<const char*>(data), size), "sys.cfg");
 
     CommCfg stCfg{};
-    GetCommConfigValue(path.c_str(), &stCfg);
+    cfg::CommConfig(src, &stCfg);
     int iProcCount = 0;
-    GetAppCommConfigValue(path.c_str(), &iProcCount);
+    cfg::AppCommConfig(src, &iProcCount);
 
     QueueCfgEntry q[kMaxEntries];
-    GetQueueConfigValue(Count(stCfg.iMsgQueueCount), path.c_str(), q);
+    cfg::QueueConfig(src, Count(stCfg.iMsgQueueCount), q);
     SemCfgEntry s[kMaxEntries];
-    GetSemConfigValue(Count(stCfg.iSemphoreCount), path.c_str(), s);
+    cfg::SemConfig(src, Count(stCfg.iSemphoreCount), s);
     ShmCfgEntry m[kMaxEntries];
-    GetShmConfigValue(Count(stCfg.iShareMemCount), path.c_str(), m);
+    cfg::ShmConfig(src, Count(stCfg.iShareMemCount), m);
     ProcCfgEntry p[kMaxEntries];
-    GetProcConfigValue(Count(iProcCount), path.c_str(), p);
+    cfg::ProcConfig(src, Count(iProcCount), p);
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "FuzzSupport.h"
+#include "base/ByteSource.h"
 #include "base/SysGlobals.h"
 #include "modes/SysVantrel.h"
 
@@ -19,18 +20,6 @@ namespace v = comp::vantrel;
 
 constexpr int kMaxMessagesPerInput = 64;
 constexpr int kOutCap = comp::kQueueTextLen - comp::kPlatHdrLen;
-
-struct Memory {
-    const uint8_t* data;
-    size_t size, pos = 0;
-    static int Read(void* ctx, void* buf, int len) {
-        auto* m = static_cast<Memory*>(ctx);
-        const size_t n = std::min(static_cast<size_t>(len), m->size - m->pos);
-        std::memcpy(buf, m->data + m->pos, n);
-        m->pos += n;
-        return static_cast<int>(n);
-    }
-};
 
 RouteRecord StationRoute() {
     RouteRecord r{};
@@ -55,12 +44,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pucData, size_t iSize) {
     v::Link().sink = NoCommand;
     // The output is exactly as large as comp's, so a write past it is caught.
     auto out = std::make_unique<char[]>(kOutCap);
-    Memory mem{pucData, iSize};
+    comp::MemorySource mem(pucData, iSize);
     VantrelSock conn{};
     VantrelSock::Free(conn);
     for (int i = 0; i < kMaxMessagesPerInput; ++i) {
         int total = 0;
-        const int rc = v::Reassemble(Memory::Read, &mem, 9, out.get(), kOutCap, 39, route, &total);
+        const int rc = v::Reassemble(comp::MemorySource::ReadFrom, &mem, 9, out.get(), kOutCap, 39, route, &total);
         if (rc < 0) break;
         uint32_t len = 0;
         std::memcpy(&len, out.get() + v::kLenAt, 4);

@@ -190,50 +190,7 @@ int SysGetLenFromHead(const char* pcHeader, const RouteRecord* pstRoute, int iHe
 }
 
 int SysTcpRecvMsg(int iSock, const RouteRecord* pstRoute, QueueMsg* pstBuf, int* piErrno) {
-    int iIgnored = 0;
-    int& iErrOut = piErrno != nullptr ? *piErrno : iIgnored;
-    if (pstRoute == nullptr || pstBuf == nullptr) {
-        iErrOut = EINVAL;
-        COMP_ERRLOG("[%s,%d]SysTcpRecvMsg parameter error", SRC_NAME, __LINE__);
-        return -1;
-    }
-    const int iHeaderLen = HeaderLenOf(*pstRoute);
-    if (iHeaderLen < 0 || iHeaderLen > comp::kMaxNetMsgLen) {
-        iErrOut = EINVAL;
-        COMP_ERRLOG("[%s,%d]%s config error,HEADERLEN[%d] out of range", SRC_NAME, __LINE__, kRouteTable,
-                    iHeaderLen);
-        return -1;
-    }
-    char* pcText = pstBuf->caText;
-
-    // A peer that closes leaves errno as it was; start from 0 so that the
-    // caller can tell a close from a failure.
-    errno = 0;
-    int iRet = iSockRecv(iSock, pcText, iHeaderLen);
-    if (iRet != iHeaderLen) {
-        iErrOut = errno;
-        COMP_ERRLOG("[%s,%d]%s,fd=%d ,iRet=%d,errno=%d,[%s] ", SRC_NAME, __LINE__, "SysTcpRecvMsg", iSock, iRet,
-                    iErrOut, std::strerror(iErrOut));
-        return -1;
-    }
-    const int iBodyLen = SysGetLenFromHead(pcText, pstRoute, iHeaderLen);
-    if (iBodyLen < 0) {
-        iErrOut = errno;
-        COMP_ERRLOG_DUMP(pcText, iHeaderLen, "[%s,%d]SysGetLenFromHead error.iHeaderLen=[%d]", SRC_NAME, __LINE__,
-                         iHeaderLen);
-        return -1;
-    }
-    if (iBodyLen > 0) {
-        errno = 0;
-        iRet = iSockRecv(iSock, pcText + iHeaderLen, iBodyLen);
-        if (iRet != iBodyLen) {
-            iErrOut = errno;
-            COMP_ERRLOG("[%s,%d]%s,fd=%d,iRet=%d,errno=%d,[%s]", SRC_NAME, __LINE__, "SysTcpRecvMsg", iSock, iRet,
-                        iErrOut, std::strerror(iErrOut));
-            return -1;
-        }
-    }
-    return iHeaderLen + iBodyLen;
+    return comp::RecvFramedMsg(comp::SocketSource(iSock), iSock, pstRoute, pstBuf, piErrno);
 }
 
 int SysGetMsgTypeFromMsg(const char* pcMsg, int iMsgLen, const char* pcRouteId, char* pcType) {
@@ -306,3 +263,54 @@ int SysGetMsgTypeFromHead(const char* pcMsg, const char* pcRouteId, char* pcType
 }
 
 }  // extern "C"
+
+namespace comp {
+
+int RecvFramedMsg(const ByteSource& src, int iSock, const RouteRecord* pstRoute, QueueMsg* pstBuf, int* piErrno) {
+    int iIgnored = 0;
+    int& iErrOut = piErrno != nullptr ? *piErrno : iIgnored;
+    if (pstRoute == nullptr || pstBuf == nullptr) {
+        iErrOut = EINVAL;
+        COMP_ERRLOG("[%s,%d]SysTcpRecvMsg parameter error", SRC_NAME, __LINE__);
+        return -1;
+    }
+    const int iHeaderLen = HeaderLenOf(*pstRoute);
+    if (iHeaderLen < 0 || iHeaderLen > comp::kMaxNetMsgLen) {
+        iErrOut = EINVAL;
+        COMP_ERRLOG("[%s,%d]%s config error,HEADERLEN[%d] out of range", SRC_NAME, __LINE__, kRouteTable,
+                    iHeaderLen);
+        return -1;
+    }
+    char* pcText = pstBuf->caText;
+
+    // A peer that closes leaves errno as it was; start from 0 so that the
+    // caller can tell a close from a failure.
+    errno = 0;
+    int iRet = src.Read(pcText, iHeaderLen);
+    if (iRet != iHeaderLen) {
+        iErrOut = errno;
+        COMP_ERRLOG("[%s,%d]%s,fd=%d ,iRet=%d,errno=%d,[%s] ", SRC_NAME, __LINE__, "SysTcpRecvMsg", iSock, iRet,
+                    iErrOut, std::strerror(iErrOut));
+        return -1;
+    }
+    const int iBodyLen = SysGetLenFromHead(pcText, pstRoute, iHeaderLen);
+    if (iBodyLen < 0) {
+        iErrOut = errno;
+        COMP_ERRLOG_DUMP(pcText, iHeaderLen, "[%s,%d]SysGetLenFromHead error.iHeaderLen=[%d]", SRC_NAME, __LINE__,
+                         iHeaderLen);
+        return -1;
+    }
+    if (iBodyLen > 0) {
+        errno = 0;
+        iRet = src.Read(pcText + iHeaderLen, iBodyLen);
+        if (iRet != iBodyLen) {
+            iErrOut = errno;
+            COMP_ERRLOG("[%s,%d]%s,fd=%d,iRet=%d,errno=%d,[%s]", SRC_NAME, __LINE__, "SysTcpRecvMsg", iSock, iRet,
+                        iErrOut, std::strerror(iErrOut));
+            return -1;
+        }
+    }
+    return iHeaderLen + iBodyLen;
+}
+
+}  // namespace comp

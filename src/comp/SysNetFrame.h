@@ -2,6 +2,7 @@
 // rule, and finding a message's type by the route's type rule.
 #pragma once
 
+#include "base/ByteSource.h"
 #include "base/SysTypes.h"
 
 extern "C" {
@@ -20,3 +21,11 @@ int SysGetMsgTypeFromMsg(const char* pcMsg, int iMsgLen, const char* pcRouteId, 
 int SysTcpRecvMsg(int iSock, const RouteRecord* pstRoute, QueueMsg* pstBuf, int* piErrno);
 
 }  // extern "C"
+
+namespace comp {
+
+// SysTcpRecvMsg on any byte source: the header, then the body its length
+// rule announces. iSock only names the stream in the log lines.
+int RecvFramedMsg(const ByteSource& src, int iSock, const RouteRecord* pstRoute, QueueMsg* pstBuf, int* piErrno);
+
+}  // namespace comp

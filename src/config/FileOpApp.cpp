@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "base/FdUtil.h"
+#include "config/CfgSource.h"
 #include "base/SysGlobals.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
@@ -130,22 +131,24 @@ void CopyField(char (&field)[N], std::string_view word) {
     CopyOut(field, word, N);
 }
 
+// app.cfg opened for the stream readers; null after the report.
+UniqueFile OpenAppCfgStream() {
+    char caPath[kPathLen];
+    if (!EtcPath(caPath, "app.cfg")) return nullptr;
+    UniqueFile fp(std::fopen(caPath, "r"));
+    if (!fp) wlog("open app.cfg failed");
+    return fp;
+}
+
 // Stream reader shared by SysReadAppCfgByTag and SysReadCfg2Arr: hands every
 // non-blank, non-comment line of the tagged part (newline removed) to onLine.
-// 1 when the tag was seen, 0 when not, -1 when the file cannot be opened.
+// 1 when the tag was seen, 0 when not.
 template <typename OnLine>
-int ScanTaggedPart(const char* pcTag, OnLine onLine) {
-    char caPath[kPathLen];
-    if (!EtcPath(caPath, "app.cfg")) return -1;
-    UniqueFile fp(std::fopen(caPath, "r"));
-    if (!fp) {
-        wlog("open app.cfg failed");
-        return -1;
-    }
+int ScanTaggedPart(FILE* fp, const char* pcTag, OnLine onLine) {
     const std::string_view tag(pcTag);
     bool bBegun = false;
     char caLine[kStreamLineLen];
-    while (std::fgets(caLine, sizeof caLine, fp.get()) != nullptr) {
+    while (std::fgets(caLine, sizeof caLine, fp) != nullptr) {
         std::string_view line(caLine);
         if (StartsWith(line, "#")) continue;
         if (bBegun && StartsWith(line, kPartEnd)) break;
@@ -160,22 +163,110 @@ int ScanTaggedPart(const char* pcTag, OnLine onLine) {
     return bBegun ? 1 : 0;
 }
 
-// The writer's copy of one line: the bytes as read plus the newline, if the
-// line had one.
-struct KeptLines {
-    std::vector<std::string> lines;
-    bool bChanged = false;
-};
+bool RewriteLines(int iFd, const comp::appcfg::KeptLines& kept) {
+    if (ftruncate(iFd, 0) != 0 || lseek(iFd, 0, SEEK_SET) != 0) return false;
+    for (const std::string& line : kept.lines)
+        if (Write(iFd, line.data(), static_cast<int>(line.size())) != 0) return false;
+    return true;
+}
 
-// Reads app.cfg from the start and replaces the first "[APPVARS]" entry
-// named pcName. False when the file cannot be held whole (a line too long
-// to read, more lines than the writer keeps): then nothing may be written.
-bool CollectLines(int iFd, const char* pcName, const char* pcValue, KeptLines& out) {
+// Puts the backup back after a failed rewrite.
+void RestoreFromBackup(int iAppFd, const char* pcBakPath) {
+    comp::UniqueFd bak = OpenForever(pcBakPath, O_RDONLY, 0, [pcBakPath](int e) {
+        wlog("open %s  error[%s]", pcBakPath, strerror(e));
+    });
+    if (ftruncate(iAppFd, 0) != 0 || lseek(iAppFd, 0, SEEK_SET) != 0 || filefdcopy(bak.get(), iAppFd) != 0)
+        wlog("[%s,%d]restore of app.cfg from %s failed[%s]", SRC_NAME, __LINE__, pcBakPath, strerror(errno));
+}
+
+}  // namespace
+
+namespace comp::appcfg {
+
+int ReadAppCfgByTag(FILE* fp, const char* pcTag, AppCfgEntry* pstEntries) {
+    // The caller sized the array for the longest part it expects.
+    AppCfgEntry* pstNext = pstEntries;
+    int iSeen = ScanTaggedPart(fp, pcTag, [&pstNext](std::string_view line) {
+        TwoWords words = SplitWords(line);
+        if (words.name.empty()) return;
+        CopyField(pstNext->caName, words.name);
+        CopyField(pstNext->caValue, words.value);
+        ++pstNext;
+    });
+    if (iSeen == 0) {
+        COMP_ERRLOG("[%s,%d] app.cfg lost %s part", SRC_NAME, __LINE__, pcTag);
+        return -1;
+    }
+    return 0;
+}
+
+int ReadCfg2Arr(FILE* fp, const char* pcTag, AppCfgLine* pstLines) {
+    AppCfgLine* pstNext = pstLines;
+    int iSeen = ScanTaggedPart(fp, pcTag, [&pstNext](std::string_view line) {
+        CopyField(pstNext->caLine, line);
+        ++pstNext;
+    });
+    if (iSeen == 0) COMP_ERRLOG("[%s,%d] app.cfg lost %s part", SRC_NAME, __LINE__, pcTag);
+    return 0;
+}
+
+int ValueByTagKey(const ByteSource& src, const char* pcTag, const char* pcName, char* pcValue) {
+    const std::string_view tag(pcTag);
+    bool bBegun = false;
+    for (;;) {
+        char caLine[kLineBufLen] = {};
+        if (comp::cfg::ReadLineFrom(src, caLine) < 0) break;
+        delSpacePreLast(caLine);
+        const std::string_view line(caLine);
+        if (StartsWith(line, "#")) continue;
+        if (bBegun && StartsWith(line, kPartEnd)) break;
+        if (StartsWith(line, tag)) {
+            bBegun = true;
+            continue;
+        }
+        if (!bBegun || line.empty()) continue;
+        TwoWords words = SplitWords(line);
+        if (words.name == pcName) {
+            CopyOut(pcValue, words.value, kLineBufLen);
+            return 0;
+        }
+    }
+    if (!bBegun) wlog("app.cfg lost %s ", pcTag);
+    return -1;
+}
+
+int AppVarByIndex(const ByteSource& src, int iIndex, char* pcName, char* pcValue) {
+    bool bInPart = false;
+    int iEntry = 0;
+    for (;;) {
+        char caLine[kLineBufLen] = {};
+        if (comp::cfg::ReadLineFrom(src, caLine) < 0) return 0;
+        const std::string_view line(caLine);
+        if (StartsWith(line, "#")) continue;
+        if (bInPart && StartsWith(line, kPartEnd)) return 0;
+        if (StartsWith(line, kAppVarsTag)) {
+            bInPart = true;
+            continue;
+        }
+        if (!bInPart || iIsEmptyLine(caLine)) continue;
+        if (iEntry++ == iIndex) {
+            TwoWords words = SplitWords(line);
+            CopyOut(pcName, words.name, kLineBufLen);
+            CopyOut(pcValue, words.value, kLineBufLen);
+            return 1;
+        }
+    }
+}
+
+// Reads app.cfg and replaces the first "[APPVARS]" entry named pcName.
+// False when the file cannot be held whole (a line too long to read, more
+// lines than the writer keeps): then nothing may be written.
+bool CollectLines(const ByteSource& src, const char* pcName, const char* pcValue, KeptLines& out) {
     const std::string_view name(pcName);
     bool bInPart = false;
     for (;;) {
         char caLine[kLineBufLen] = {};
-        int iLen = ReadFileLine(iFd, caLine);
+        int iLen = comp::cfg::ReadLineFrom(src, caLine);
         if (iLen == -1) return false;
         const bool bLast = iLen == -2;
         if (bLast) {
@@ -209,23 +300,7 @@ bool CollectLines(int iFd, const char* pcName, const char* pcValue, KeptLines& o
     }
 }
 
-bool RewriteLines(int iFd, const KeptLines& kept) {
-    if (ftruncate(iFd, 0) != 0 || lseek(iFd, 0, SEEK_SET) != 0) return false;
-    for (const std::string& line : kept.lines)
-        if (Write(iFd, line.data(), static_cast<int>(line.size())) != 0) return false;
-    return true;
-}
-
-// Puts the backup back after a failed rewrite.
-void RestoreFromBackup(int iAppFd, const char* pcBakPath) {
-    comp::UniqueFd bak = OpenForever(pcBakPath, O_RDONLY, 0, [pcBakPath](int e) {
-        wlog("open %s  error[%s]", pcBakPath, strerror(e));
-    });
-    if (ftruncate(iAppFd, 0) != 0 || lseek(iAppFd, 0, SEEK_SET) != 0 || filefdcopy(bak.get(), iAppFd) != 0)
-        wlog("[%s,%d]restore of app.cfg from %s failed[%s]", SRC_NAME, __LINE__, pcBakPath, strerror(errno));
-}
-
-}  // namespace
+}  // namespace comp::appcfg
 
 extern "C" {
 
@@ -234,21 +309,8 @@ int SysReadAppCfgByTag(const char* pcTag, AppCfgEntry* pstEntries) {
         wlog("parameter error[%s,%d]", SRC_NAME, __LINE__);
         return -1;
     }
-    // The caller sized the array for the longest part it expects.
-    AppCfgEntry* pstNext = pstEntries;
-    int iSeen = ScanTaggedPart(pcTag, [&pstNext](std::string_view line) {
-        TwoWords words = SplitWords(line);
-        if (words.name.empty()) return;
-        CopyField(pstNext->caName, words.name);
-        CopyField(pstNext->caValue, words.value);
-        ++pstNext;
-    });
-    if (iSeen < 0) return -1;
-    if (iSeen == 0) {
-        COMP_ERRLOG("[%s,%d] app.cfg lost %s part", SRC_NAME, __LINE__, pcTag);
-        return -1;
-    }
-    return 0;
+    UniqueFile fp = OpenAppCfgStream();
+    return fp ? comp::appcfg::ReadAppCfgByTag(fp.get(), pcTag, pstEntries) : -1;
 }
 
 int SysReadCfg2Arr(const char* pcTag, AppCfgLine* pstLines) {
@@ -256,14 +318,8 @@ int SysReadCfg2Arr(const char* pcTag, AppCfgLine* pstLines) {
         wlog("parameter error[%s,%d]", SRC_NAME, __LINE__);
         return -1;
     }
-    AppCfgLine* pstNext = pstLines;
-    int iSeen = ScanTaggedPart(pcTag, [&pstNext](std::string_view line) {
-        CopyField(pstNext->caLine, line);
-        ++pstNext;
-    });
-    if (iSeen < 0) return -1;
-    if (iSeen == 0) COMP_ERRLOG("[%s,%d] app.cfg lost %s part", SRC_NAME, __LINE__, pcTag);
-    return 0;
+    UniqueFile fp = OpenAppCfgStream();
+    return fp ? comp::appcfg::ReadCfg2Arr(fp.get(), pcTag, pstLines) : -1;
 }
 
 // pcValue receives at most 127 characters and a NUL.
@@ -275,29 +331,7 @@ int SysGetValueByTagKey(const char* pcTag, const char* pcName, char* pcValue) {
     char caPath[kPathLen];
     if (!EtcPath(caPath, "app.cfg")) return -1;
     comp::UniqueFd fd = OpenAppCfgLocked(caPath, false);
-
-    const std::string_view tag(pcTag);
-    bool bBegun = false;
-    for (;;) {
-        char caLine[kLineBufLen] = {};
-        if (ReadFileLine(fd.get(), caLine) < 0) break;
-        delSpacePreLast(caLine);
-        const std::string_view line(caLine);
-        if (StartsWith(line, "#")) continue;
-        if (bBegun && StartsWith(line, kPartEnd)) break;
-        if (StartsWith(line, tag)) {
-            bBegun = true;
-            continue;
-        }
-        if (!bBegun || line.empty()) continue;
-        TwoWords words = SplitWords(line);
-        if (words.name == pcName) {
-            CopyOut(pcValue, words.value, kLineBufLen);
-            return 0;
-        }
-    }
-    if (!bBegun) wlog("app.cfg lost %s ", pcTag);
-    return -1;
+    return comp::appcfg::ValueByTagKey(comp::cfg::FileSource(fd.get()), pcTag, pcName, pcValue);
 }
 
 int SysGetAppVar(const char* pcName, char* pcValue) {
@@ -338,27 +372,7 @@ int SysGetAppVarByIndex(int iIndex, char* pcName, char* pcValue) {
     char caPath[kPathLen];
     if (!EtcPath(caPath, "app.cfg")) return -1;
     comp::UniqueFd fd = OpenAppCfgLocked(caPath, true);
-
-    bool bInPart = false;
-    int iEntry = 0;
-    for (;;) {
-        char caLine[kLineBufLen] = {};
-        if (ReadFileLine(fd.get(), caLine) < 0) return 0;
-        const std::string_view line(caLine);
-        if (StartsWith(line, "#")) continue;
-        if (bInPart && StartsWith(line, kPartEnd)) return 0;
-        if (StartsWith(line, kAppVarsTag)) {
-            bInPart = true;
-            continue;
-        }
-        if (!bInPart || iIsEmptyLine(caLine)) continue;
-        if (iEntry++ == iIndex) {
-            TwoWords words = SplitWords(line);
-            CopyOut(pcName, words.name, kLineBufLen);
-            CopyOut(pcValue, words.value, kLineBufLen);
-            return 1;
-        }
-    }
+    return comp::appcfg::AppVarByIndex(comp::cfg::FileSource(fd.get()), iIndex, pcName, pcValue);
 }
 
 int SysChgAppVar(const char* pcName, const char* pcValue) {
@@ -389,9 +403,10 @@ int SysChgAppVar(const char* pcName, const char* pcValue) {
         }
     }
 
-    KeptLines kept;
+    comp::appcfg::KeptLines kept;
     kept.lines.reserve(kMaxLines);
-    if (lseek(app.get(), 0, SEEK_SET) != 0 || !CollectLines(app.get(), pcName, pcValue, kept)) {
+    if (lseek(app.get(), 0, SEEK_SET) != 0 ||
+        !comp::appcfg::CollectLines(comp::cfg::FileSource(app.get()), pcName, pcValue, kept)) {
         wlog("[%s,%d]app.cfg left unchanged", SRC_NAME, __LINE__);
         return -1;
     }

@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
+#include "config/CfgSource.h"
 #include "config/SysRscApp.h"
 #include "log/ErrLog.h"
 
@@ -63,54 +65,9 @@ int CloseFile(int iFd) {
     return 0;
 }
 
-int ReadBuf(int iFd, char* pcBuf, int iMax) {
-    if (iMax < 0) iMax = kDefaultReadMax;
-    if (pcBuf == nullptr) {
-        COMP_ERRLOG("[%s][%d]Pid[%d] Read File Fail ", SRC_NAME, __LINE__, getpid());
-        return -1;
-    }
-    // Reads in pieces no larger than what is still wanted, so the file
-    // position ends exactly where a byte-by-byte reader would leave it.
-    int iDone = 0;
-    while (iDone < iMax) {
-        ssize_t n = ReadRetry(iFd, pcBuf + iDone, static_cast<size_t>(iMax - iDone));
-        if (n < 0) {
-            COMP_ERRLOG("[%s][%d]Pid[%d] Read File Fail ", SRC_NAME, __LINE__, getpid());
-            return -1;
-        }
-        if (n == 0) {
-            pcBuf[iDone] = '\0';
-            return iDone;
-        }
-        iDone += static_cast<int>(n);
-    }
-    return iMax;
-}
+int ReadBuf(int iFd, char* pcBuf, int iMax) { return comp::cfg::ReadBufFrom(comp::cfg::FileSource(iFd), pcBuf, iMax); }
 
-int ReadFileLine(int iFd, char* pcLine) {
-    if (pcLine == nullptr) {
-        COMP_ERRLOG("[%s][%d]Pid[%d] GetOneLine Param Null", SRC_NAME, __LINE__, getpid());
-        return -1;
-    }
-    // One byte per read, so the descriptor stays right after the newline for
-    // the next call. At most kMaxLineLen - 1 bytes are stored: the caller's
-    // cleared buffer keeps its terminating NUL.
-    for (int iLen = 0;; ++iLen) {
-        char c;
-        ssize_t n = ReadRetry(iFd, &c, 1);
-        if (n < 0) {
-            COMP_ERRLOG("[%s][%d]Pid[%d] Read File One Line Fail ", SRC_NAME, __LINE__, getpid());
-            return -1;
-        }
-        if (n == 0) return -2;
-        if (c == '\n') return iLen;
-        if (iLen == kMaxLineLen - 1) {
-            COMP_ERRLOG("[%s][%d]Pid[%d] Read File One Line >MAXLEN ", SRC_NAME, __LINE__, getpid());
-            return -1;
-        }
-        pcLine[iLen] = c;
-    }
-}
+int ReadFileLine(int iFd, char* pcLine) { return comp::cfg::ReadLineFrom(comp::cfg::FileSource(iFd), pcLine); }
 
 int JudgeIfStrMatch(const char* pcKey, int iKeyLen, const char* pcBuf, int iBufLen, int* piPos) {
     if (pcKey == nullptr || pcBuf == nullptr || piPos == nullptr) {
@@ -159,3 +116,81 @@ int GetValue(const char* pcBuf, int iBufLen, const char* pcKey, int iKeyLen, cha
 }
 
 }  // extern "C"
+
+namespace comp::cfg {
+
+// The descriptor travels in the context pointer itself.
+ByteSource FileSource(int iFd) {
+    return {[](void* pvCtx, void* pvBuf, int iLen) {
+                const int fd = static_cast<int>(reinterpret_cast<intptr_t>(pvCtx));
+                auto* pc = static_cast<char*>(pvBuf);
+                int iDone = 0;
+                while (iDone < iLen) {
+                    ssize_t n = ReadRetry(fd, pc + iDone, static_cast<size_t>(iLen - iDone));
+                    if (n < 0) return -1;
+                    if (n == 0) break;
+                    iDone += static_cast<int>(n);
+                }
+                return iDone;
+            },
+            reinterpret_cast<void*>(static_cast<intptr_t>(iFd))};
+}
+
+int ReadBufFrom(const ByteSource& src, char* pcBuf, int iMax) {
+    if (iMax < 0) iMax = kDefaultReadMax;
+    if (pcBuf == nullptr) {
+        COMP_ERRLOG("[%s][%d]Pid[%d] Read File Fail ", SRC_NAME, __LINE__, getpid());
+        return -1;
+    }
+    // The source reads no more than is wanted, so a file's position ends
+    // exactly where a byte-by-byte reader would leave it.
+    const int n = src.Read(pcBuf, iMax);
+    if (n < 0) {
+        COMP_ERRLOG("[%s][%d]Pid[%d] Read File Fail ", SRC_NAME, __LINE__, getpid());
+        return -1;
+    }
+    if (n < iMax) pcBuf[n] = '\0';
+    return n;
+}
+
+int ReadLineFrom(const ByteSource& src, char* pcLine) {
+    if (pcLine == nullptr) {
+        COMP_ERRLOG("[%s][%d]Pid[%d] GetOneLine Param Null", SRC_NAME, __LINE__, getpid());
+        return -1;
+    }
+    // One byte per read, so a descriptor stays right after the newline for
+    // the next call. At most kMaxLineLen - 1 bytes are stored: the caller's
+    // cleared buffer keeps its terminating NUL.
+    for (int iLen = 0;; ++iLen) {
+        char c;
+        const int n = src.Read(&c, 1);
+        if (n < 0) {
+            COMP_ERRLOG("[%s][%d]Pid[%d] Read File One Line Fail ", SRC_NAME, __LINE__, getpid());
+            return -1;
+        }
+        if (n == 0) return -2;
+        if (c == '\n') return iLen;
+        if (iLen == kMaxLineLen - 1) {
+            COMP_ERRLOG("[%s][%d]Pid[%d] Read File One Line >MAXLEN ", SRC_NAME, __LINE__, getpid());
+            return -1;
+        }
+        pcLine[iLen] = c;
+    }
+}
+
+CfgReading::CfgReading(const CfgSource& cfg) : mem_(cfg.text_) {
+    if (cfg.bMemory_) {
+        src_ = mem_.source();
+        bOk_ = true;
+        return;
+    }
+    iFd_ = cfg.pcName_ != nullptr ? InitFile(cfg.pcName_, 1) : -1;
+    src_ = FileSource(iFd_);
+    bOk_ = iFd_ >= 0;
+}
+
+CfgReading::~CfgReading() {
+    if (iFd_ >= 0) CloseFile(iFd_);
+}
+
+}  // namespace comp::cfg

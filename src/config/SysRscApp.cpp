@@ -17,12 +17,16 @@
 #include <string_view>
 
 #include "base/SysGlobals.h"
+#include "config/CfgSource.h"
 #include "config/SysTable.h"
 #include "config/TableLookup.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
 
 namespace {
+
+using comp::cfg::CfgReading;
+using comp::cfg::CfgSource;
 
 constexpr int kCfgBufLen = 20480;      // how much of sys.cfg the key reader sees
 constexpr int kValueBufLen = 128;      // GetValue allows 64 characters
@@ -33,23 +37,6 @@ constexpr int kItemListCopyLen = 2048; // findSubString likewise
 // (each over-long line costs one per 128 bytes); a file that keeps failing
 // beyond this is not going to show the header.
 constexpr int kMaxHeaderReadFailures = 1024;
-
-// sys.cfg opened with InitFile, closed on every way out.
-class CfgFile {
-public:
-    explicit CfgFile(const char* pcPath) : iFd_(pcPath != nullptr ? InitFile(pcPath, 1) : -1) {}
-    ~CfgFile() {
-        if (iFd_ >= 0) CloseFile(iFd_);
-    }
-    CfgFile(const CfgFile&) = delete;
-    CfgFile& operator=(const CfgFile&) = delete;
-
-    bool ok() const { return iFd_ >= 0; }
-    int fd() const { return iFd_; }
-
-private:
-    int iFd_;
-};
 
 const char* Text(const char* pc) { return pc != nullptr ? pc : ""; }
 
@@ -71,9 +58,9 @@ constexpr CommKey kCommKeys[] = {
 
 // Number of bytes read into pcBuf (NUL-terminated, kCfgBufLen + 1 bytes), or
 // a value below 1 for an empty or unreadable file.
-int ReadWholeCfg(const CfgFile& file, char* pcBuf) {
+int ReadWholeCfg(const CfgReading& file, char* pcBuf) {
     std::memset(pcBuf, 0, kCfgBufLen + 1);
-    return ReadBuf(file.fd(), pcBuf, -1);
+    return comp::cfg::ReadBufFrom(file.source(), pcBuf, -1);
 }
 
 bool GetIntValue(const char* pcBuf, int iLen, const char* pcKey, int32_t* piOut) {
@@ -191,10 +178,10 @@ bool ParseProc(const char* pcLine, ProcCfgEntry* pst) {
 // a failed line read ends the header search; otherwise over-long lines before
 // the header are passed over. The end of the file always ends it.
 template <class Entry, class Parse>
-SectionEnd ReadSection(const char* pcPath, std::string_view header, bool bStrictHeader, int iCount,
+SectionEnd ReadSection(const CfgSource& cfg, std::string_view header, bool bStrictHeader, int iCount,
                        Entry* pstEntries, Parse parse) {
     if (iCount > 0 && pstEntries == nullptr) return SectionEnd::kBadEntry;
-    CfgFile file(pcPath);
+    CfgReading file(cfg);
     if (!file.ok()) return SectionEnd::kOpenFail;
 
     // One byte more than a line can take, so that the text always ends.
@@ -202,7 +189,7 @@ SectionEnd ReadSection(const char* pcPath, std::string_view header, bool bStrict
     int iFailures = 0;
     for (;;) {
         std::memset(caLine, 0, sizeof caLine);
-        int iRet = ReadFileLine(file.fd(), caLine);
+        int iRet = comp::cfg::ReadLineFrom(file.source(), caLine);
         if (iRet == -2 || (iRet < 0 && bStrictHeader)) return SectionEnd::kNoHeader;
         if (std::memcmp(caLine, header.data(), header.size()) == 0) break;
         if (iRet >= 0)
@@ -213,7 +200,7 @@ SectionEnd ReadSection(const char* pcPath, std::string_view header, bool bStrict
 
     for (int n = 0; n < iCount;) {
         std::memset(caLine, 0, sizeof caLine);
-        int iRet = ReadFileLine(file.fd(), caLine);
+        int iRet = comp::cfg::ReadLineFrom(file.source(), caLine);
         if (iRet < 1) return SectionEnd::kBadLine;
         if (caLine[0] == '#') continue;
         if (!parse(caLine, &pstEntries[n])) return SectionEnd::kBadEntry;
@@ -260,14 +247,15 @@ bool SysShmEntryAt(int iPosition, int iCount, key_t* pKey, int* piSize) {
     return true;
 }
 
-extern "C" {
+namespace comp::cfg {
 
 // ---------------------------------------------------------------------------
 // CommCfg
 // ---------------------------------------------------------------------------
 
-int GetCommConfigValue(const char* pcPath, CommCfg* pstCfg) {
-    CfgFile file(pcPath);
+int CommConfig(const CfgSource& cfg, CommCfg* pstCfg) {
+    const char* pcPath = cfg.name();
+    CfgReading file(cfg);
     if (!file.ok() || pstCfg == nullptr) {
         COMP_ERRLOG("[%s][%d]pid[%d] File Open Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath));
         return -1;
@@ -275,25 +263,26 @@ int GetCommConfigValue(const char* pcPath, CommCfg* pstCfg) {
     char caBuf[kCfgBufLen + 1];
     int iLen = ReadWholeCfg(file, caBuf);
     if (iLen < 1) {
-        COMP_ERRLOG("[%s][%d]pid[%d] File Read Fail [%s]", SRC_NAME, __LINE__, getpid(), pcPath);
+        COMP_ERRLOG("[%s][%d]pid[%d] File Read Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath));
         return -1;
     }
     *pstCfg = CommCfg{};
     for (const CommKey& stKey : kCommKeys) {
         if (GetIntValue(caBuf, iLen, stKey.pcKey, &(pstCfg->*stKey.pField))) continue;
         if (stKey.pField == &CommCfg::iComLogonTimeLimit)
-            COMP_ERRLOG("[%s][%d]pid[%d] File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), pcPath,
+            COMP_ERRLOG("[%s][%d]pid[%d] File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath),
                         stKey.pcKey);
         else
-            COMP_ERRLOG("[%s][%d]pid[%d]File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), pcPath,
+            COMP_ERRLOG("[%s][%d]pid[%d]File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath),
                         stKey.pcKey);
         return -1;
     }
     return 0;
 }
 
-int GetAppCommConfigValue(const char* pcPath, int* piCount) {
-    CfgFile file(pcPath);
+int AppCommConfig(const CfgSource& cfg, int* piCount) {
+    const char* pcPath = cfg.name();
+    CfgReading file(cfg);
     if (!file.ok() || piCount == nullptr) {
         ReportOpenFail(pcPath);
         return -1;
@@ -301,12 +290,12 @@ int GetAppCommConfigValue(const char* pcPath, int* piCount) {
     char caBuf[kCfgBufLen + 1];
     int iLen = ReadWholeCfg(file, caBuf);
     if (iLen < 1) {
-        COMP_ERRLOG("[%s][%d]pid[%d]File Read Fail [%s]", SRC_NAME, __LINE__, getpid(), pcPath);
+        COMP_ERRLOG("[%s][%d]pid[%d]File Read Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath));
         return -1;
     }
     int32_t iCount = 0;
     if (!GetIntValue(caBuf, iLen, "PROCNAMECOUNT", &iCount)) {
-        COMP_ERRLOG("[%s][%d]pid[%d]File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), pcPath,
+        COMP_ERRLOG("[%s][%d]pid[%d]File[%s] GetValue Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath),
                     "PROCNAMECOUNT");
         return -1;
     }
@@ -318,8 +307,9 @@ int GetAppCommConfigValue(const char* pcPath, int* piCount) {
 // Sections
 // ---------------------------------------------------------------------------
 
-int GetQueueConfigValue(int iCount, const char* pcPath, QueueCfgEntry* pstEntries) {
-    switch (ReadSection(pcPath, "[QRESOURCE]", false, iCount, pstEntries, ParseQueue)) {
+int QueueConfig(const CfgSource& cfg, int iCount, QueueCfgEntry* pstEntries) {
+    const char* pcPath = cfg.name();
+    switch (ReadSection(cfg, "[QRESOURCE]", false, iCount, pstEntries, ParseQueue)) {
     case SectionEnd::kOk:
         return 0;
     case SectionEnd::kOpenFail:
@@ -331,8 +321,9 @@ int GetQueueConfigValue(int iCount, const char* pcPath, QueueCfgEntry* pstEntrie
     }
 }
 
-int GetSemConfigValue(int iCount, const char* pcPath, SemCfgEntry* pstEntries) {
-    switch (ReadSection(pcPath, "[SEMRESOURCE]", true, iCount, pstEntries, ParseSem)) {
+int SemConfig(const CfgSource& cfg, int iCount, SemCfgEntry* pstEntries) {
+    const char* pcPath = cfg.name();
+    switch (ReadSection(cfg, "[SEMRESOURCE]", true, iCount, pstEntries, ParseSem)) {
     case SectionEnd::kOk:
         return 0;
     case SectionEnd::kOpenFail:
@@ -354,8 +345,9 @@ int GetSemConfigValue(int iCount, const char* pcPath, SemCfgEntry* pstEntries) {
     return -1;
 }
 
-int GetShmConfigValue(int iCount, const char* pcPath, ShmCfgEntry* pstEntries) {
-    switch (ReadSection(pcPath, "[SHMRESOURCE]", false, iCount, pstEntries, ParseShm)) {
+int ShmConfig(const CfgSource& cfg, int iCount, ShmCfgEntry* pstEntries) {
+    const char* pcPath = cfg.name();
+    switch (ReadSection(cfg, "[SHMRESOURCE]", false, iCount, pstEntries, ParseShm)) {
     case SectionEnd::kOk:
         return 0;
     case SectionEnd::kOpenFail:
@@ -367,8 +359,9 @@ int GetShmConfigValue(int iCount, const char* pcPath, ShmCfgEntry* pstEntries) {
     }
 }
 
-int GetProcConfigValue(int iCount, const char* pcPath, ProcCfgEntry* pstEntries) {
-    switch (ReadSection(pcPath, "[PROCESS]", false, iCount, pstEntries, ParseProc)) {
+int ProcConfig(const CfgSource& cfg, int iCount, ProcCfgEntry* pstEntries) {
+    const char* pcPath = cfg.name();
+    switch (ReadSection(cfg, "[PROCESS]", false, iCount, pstEntries, ParseProc)) {
     case SectionEnd::kOk:
         return 0;
     case SectionEnd::kOpenFail:
@@ -378,6 +371,38 @@ int GetProcConfigValue(int iCount, const char* pcPath, ProcCfgEntry* pstEntries)
         COMP_ERRLOG("[%s][%d]pid[%d]File Get Proc Cfg Fail [%s]", SRC_NAME, __LINE__, getpid(), Text(pcPath));
         return -1;
     }
+}
+
+}  // namespace comp::cfg
+
+extern "C" {
+
+// ---------------------------------------------------------------------------
+// sys.cfg readers on a file
+// ---------------------------------------------------------------------------
+
+int GetCommConfigValue(const char* pcPath, CommCfg* pstCfg) {
+    return comp::cfg::CommConfig(CfgSource(pcPath), pstCfg);
+}
+
+int GetAppCommConfigValue(const char* pcPath, int* piCount) {
+    return comp::cfg::AppCommConfig(CfgSource(pcPath), piCount);
+}
+
+int GetQueueConfigValue(int iCount, const char* pcPath, QueueCfgEntry* pstEntries) {
+    return comp::cfg::QueueConfig(CfgSource(pcPath), iCount, pstEntries);
+}
+
+int GetSemConfigValue(int iCount, const char* pcPath, SemCfgEntry* pstEntries) {
+    return comp::cfg::SemConfig(CfgSource(pcPath), iCount, pstEntries);
+}
+
+int GetShmConfigValue(int iCount, const char* pcPath, ShmCfgEntry* pstEntries) {
+    return comp::cfg::ShmConfig(CfgSource(pcPath), iCount, pstEntries);
+}
+
+int GetProcConfigValue(int iCount, const char* pcPath, ProcCfgEntry* pstEntries) {
+    return comp::cfg::ProcConfig(CfgSource(pcPath), iCount, pstEntries);
 }
 
 // ---------------------------------------------------------------------------

@@ -38,6 +38,21 @@ int getRandom(int iN);
 
 }  // extern "C"
 
+namespace comp::cfg {
+
+class CfgSource;
+
+// The sys.cfg readers above on a source of their own: Get<X>ConfigValue(path)
+// is <X>Config(CfgSource(path)).
+int CommConfig(const CfgSource& cfg, CommCfg* pstCfg);
+int AppCommConfig(const CfgSource& cfg, int* piCount);
+int QueueConfig(const CfgSource& cfg, int iCount, QueueCfgEntry* pstEntries);
+int SemConfig(const CfgSource& cfg, int iCount, SemCfgEntry* pstEntries);
+int ShmConfig(const CfgSource& cfg, int iCount, ShmCfgEntry* pstEntries);
+int ProcConfig(const CfgSource& cfg, int iCount, ProcCfgEntry* pstEntries);
+
+}  // namespace comp::cfg
+
 // Path of sys.cfg under $RUNDIR ("%s/etc/sys.cfg"); false when RUNDIR is unset
 // or the path does not fit.
 bool SysCfgPath(char* pcOut, int iOutLen);

@@ -28,6 +28,8 @@ constexpr int kCallPathPerLine = 6;
 
 LogSettings& Settings() { return g_stProcState.stLog; }
 
+comp::log::ErrFileWriter g_pfErrFileWriter = nullptr;
+
 // The full record: pid, time, message, call path, dump.
 void AppendRecord(std::string& out, const char* pcMsg, const void* pvDump, int iDumpLen) {
     struct timeval tv {};
@@ -62,6 +64,10 @@ std::string Body(int iCode, const char* pcMsg, const void* pvDump, int iDumpLen)
 }
 
 void WriteToErrorFile(const std::string& body) {
+    if (g_pfErrFileWriter != nullptr) {
+        g_pfErrFileWriter(body.data(), body.size());
+        return;
+    }
     const LogSettings& st = Settings();
     std::string name = std::string(st.caErrLogName) + "_" + comp::log::TimeStamp14().substr(0, 8) + ".log";
 
@@ -185,6 +191,8 @@ constexpr SignalText kSignalTexts[] = {
 };
 
 }  // namespace
+
+void comp::log::SetErrFileWriter(ErrFileWriter pfWriter) { g_pfErrFileWriter = pfWriter; }
 
 extern "C" {
 

@@ -2,6 +2,7 @@
 // the signal handler and the system-call reports.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 
 #include "base/SysGlobals.h"
@@ -29,6 +30,16 @@ const char* SystemErrorString(void);
 void SystemErrorReport(const char* pcText);
 
 }  // extern "C"
+
+namespace comp::log {
+
+// Where the error-file records go instead of the file, or null (the file).
+// The fuzz targets set one so that a report costs no system calls; the
+// record is formatted as for the file.
+using ErrFileWriter = void (*)(const char* pcRecord, std::size_t iLen);
+void SetErrFileWriter(ErrFileWriter pfWriter);
+
+}  // namespace comp::log
 
 // Formats into g_caMsg (bounded) and writes it to the error log at code 1000,
 // the pattern of almost every failure report in the process.

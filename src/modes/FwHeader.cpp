@@ -60,10 +60,15 @@ bool CarriesMessage(char cKind, Reader eReader) {
 }
 
 UnitStatus ReadUnit(int iFd, Reader eReader, const RouteRecord& stRoute, QueueMsg* pstBuf, Unit* pstOut) {
+    return ReadUnit(SocketSource(iFd), iFd, eReader, stRoute, pstBuf, pstOut);
+}
+
+UnitStatus ReadUnit(const ByteSource& src, int iFd, Reader eReader, const RouteRecord& stRoute, QueueMsg* pstBuf,
+                    Unit* pstOut) {
     pstOut->msgLen = 0;
     pstOut->err = 0;
     errno = 0;
-    pstOut->headerGot = iSockRecv(iFd, pstOut->raw, kHeaderLen);
+    pstOut->headerGot = src.Read(pstOut->raw, kHeaderLen);
     if (pstOut->headerGot != kHeaderLen) {
         pstOut->err = errno;
         return UnitStatus::kHeaderShort;
@@ -73,7 +78,7 @@ UnitStatus ReadUnit(int iFd, Reader eReader, const RouteRecord& stRoute, QueueMs
     if (!known && eReader == Reader::kServer) return UnitStatus::kUnknownKind;
     if (CarriesMessage(pstOut->hdr.kind, eReader)) {
         int iErr = 0;
-        int iLen = SysTcpRecvMsg(iFd, &stRoute, pstBuf, &iErr);
+        int iLen = RecvFramedMsg(src, iFd, &stRoute, pstBuf, &iErr);
         if (iLen < 0) {
             pstOut->err = iErr != 0 ? iErr : errno;
             return UnitStatus::kMessageFailed;

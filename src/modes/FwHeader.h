@@ -21,6 +21,7 @@
 
 #include <cstdint>
 
+#include "base/ByteSource.h"
 #include "base/SysTypes.h"
 
 namespace comp::fw {
@@ -97,6 +98,9 @@ struct Unit {
 // Reads one unit from a link socket: the header, then the framed message the
 // header announces, into pstBuf->caText.
 UnitStatus ReadUnit(int iFd, Reader eReader, const RouteRecord& stRoute, QueueMsg* pstBuf, Unit* pstOut);
+// The same from any byte source; iFd only names the link in the log lines.
+UnitStatus ReadUnit(const ByteSource& src, int iFd, Reader eReader, const RouteRecord& stRoute, QueueMsg* pstBuf,
+                    Unit* pstOut);
 
 // Every unit goes out whole with one send, and several clients' units may be
 // on the link at once: a unit must not wait for the peer's acknowledgement

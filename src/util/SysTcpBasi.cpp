@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "base/FdUtil.h"
@@ -223,3 +224,16 @@ int iNoblockFd(int iFd) {
 }
 
 }  // extern "C"
+
+namespace comp {
+
+// The descriptor travels in the context pointer itself, so the source does
+// not depend on the lifetime of a variable of the caller.
+ByteSource SocketSource(int iSock) {
+    return {[](void* pvCtx, void* pvBuf, int iLen) {
+                return iSockRecv(static_cast<int>(reinterpret_cast<intptr_t>(pvCtx)), pvBuf, iLen);
+            },
+            reinterpret_cast<void*>(static_cast<intptr_t>(iSock))};
+}
+
+}  // namespace comp

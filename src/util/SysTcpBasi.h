@@ -2,6 +2,8 @@
 // codes; the modes, which know the route and the peer, decide what follows.
 #pragma once
 
+#include "base/ByteSource.h"
+
 // A listening socket bound to pcIp:iPort with the given backlog; the
 // descriptor, or -1. The process's listeners come from iSockBind, which adds
 // the configured backlog.
@@ -24,3 +26,10 @@ int iSockRecv(int iSock, void* pvBuf, int iLen);
 int iNoblockFd(int iFd);
 
 }  // extern "C"
+
+namespace comp {
+
+// A connection as a byte source, read with iSockRecv.
+ByteSource SocketSource(int iSock);
+
+}  // namespace comp

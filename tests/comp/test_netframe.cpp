@@ -164,6 +164,20 @@ TEST_F(RecvMsgTest, PeerThatClosesEarlyFailsTheMessage) {
     EXPECT_NE(Logs().find("SysTcpRecvMsg,fd=" + std::to_string(sv_[0]) + " ,iRet=0,errno=0"), std::string::npos);
 }
 
+TEST_F(FrameTest, FramedMessagesFromMemoryEndAtTheLastWholeOne) {
+    const RouteRecord stRoute = LenRule("4", "0", "0", "0", "4");
+    auto buf = std::make_unique<QueueMsg>();
+    comp::MemorySource mem(std::string_view("0002ab0000" "0009abc"));
+    int iErr = -1;
+    EXPECT_EQ(comp::RecvFramedMsg(mem.source(), 7, &stRoute, buf.get(), &iErr), 6);
+    EXPECT_EQ(std::string(buf->caText, 6), "0002ab");
+    EXPECT_EQ(comp::RecvFramedMsg(mem.source(), 7, &stRoute, buf.get(), &iErr), 4);
+    EXPECT_EQ(comp::RecvFramedMsg(mem.source(), 7, &stRoute, buf.get(), &iErr), -1);
+    EXPECT_EQ(iErr, 0) << "the end of the bytes reads as the peer's close";
+    EXPECT_NE(Logs().find("SysTcpRecvMsg,fd=7,iRet=3,errno=0"), std::string::npos) << Logs();
+    EXPECT_EQ(mem.left(), 0u);
+}
+
 TEST_F(RecvMsgTest, PeerThatStallsMidMessageLosesItAndTheStreamGoesOutOfStep) {
     // The body read gives up at the third would-block (about 2 ms).
     Send("0009abc");

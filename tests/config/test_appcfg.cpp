@@ -7,6 +7,7 @@
 #include <chrono>
 
 #include "UnitFixture.h"
+#include "base/ByteSource.h"
 #include "config/FileOpApp.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
@@ -100,6 +101,27 @@ TEST_F(AppCfg, LockTakingReaders) {
     EXPECT_STREQ(val, "second");
     EXPECT_EQ(SysGetAppVarByIndex(5, name, val), 0);
     EXPECT_EQ(SysGetAppVarByIndex(-1, name, val), -1);
+}
+
+TEST_F(AppCfg, ReadersOnABufferAgreeWithTheFile) {
+    namespace app = comp::appcfg;
+    char fromFile[128] = {}, fromMem[128] = {}, name[128] = {};
+    comp::MemorySource byKey(kSample);
+    ASSERT_EQ(app::ValueByTagKey(byKey.source(), "[APPVARS]", "FTPUSER", fromMem), 0);
+    ASSERT_EQ(SysGetValueByTagKey("[APPVARS]", "FTPUSER", fromFile), 0);
+    EXPECT_STREQ(fromMem, fromFile);
+    comp::MemorySource byIndex(kSample);
+    ASSERT_EQ(app::AppVarByIndex(byIndex.source(), 3, name, fromMem), 1);
+    EXPECT_STREQ(name, "FTPUSER");
+
+    comp::MemorySource whole(kSample);
+    app::KeptLines kept;
+    ASSERT_TRUE(app::CollectLines(whole.source(), "STATION_ID", "new", kept));
+    std::string back;
+    for (const std::string& l : kept.lines) back += l;
+    std::string want = kSample;
+    want.replace(want.find("STATION_ID 0123456789ABCDEF"), 27, "STATION_ID new");
+    EXPECT_EQ(back, want) << "only the first entry of the part changes";
 }
 
 TEST_F(AppCfg, ChangeRewritesOnlyTheFirstEntryAndKeepsTheRest) {

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "UnitFixture.h"
+#include "config/CfgSource.h"
 #include "config/SysRscApp.h"
 
 namespace {
@@ -219,3 +220,30 @@ TEST_F(SysCfg, LongWordsRunOnWithinTheirRecordOnly) {
 }
 
 }  // namespace
+
+TEST_F(SysCfg, ATextInMemoryReadsAsTheFileDoes) {
+    namespace cfg = comp::cfg;
+    const std::string texts[] = {
+        kComm + "[QRESOURCE]\nA 1 10\n#\nB 2 20\nC 3 30\n[SEMRESOURCE]\nL 1 5 2\nP 2 6\n[SHMRESOURCE]\n"
+                "R 1 7 9\nT 2 8 99\n[PROCESS]\np PA 1 x\n",
+        "[QRESOURCE]\nA 1\n" + std::string(200, 'x') + "\n",
+        "",
+    };
+    for (const std::string& text : texts) {
+        Cfg(text);
+        const cfg::CfgSource mem(text, "in memory");
+        CommCfg a{}, b{};
+        EXPECT_EQ(cfg::CommConfig(mem, &a), GetCommConfigValue(path.c_str(), &b));
+        EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
+        QueueCfgEntry qa[3] = {}, qb[3] = {};
+        EXPECT_EQ(cfg::QueueConfig(mem, 3, qa), GetQueueConfigValue(3, path.c_str(), qb));
+        EXPECT_EQ(std::memcmp(qa, qb, sizeof qa), 0);
+        SemCfgEntry sa[2] = {}, sb[2] = {};
+        EXPECT_EQ(cfg::SemConfig(mem, 2, sa), GetSemConfigValue(2, path.c_str(), sb));
+        EXPECT_EQ(std::memcmp(sa, sb, sizeof sa), 0);
+        ShmCfgEntry ma[2] = {}, mb[2] = {};
+        EXPECT_EQ(cfg::ShmConfig(mem, 2, ma), GetShmConfigValue(2, path.c_str(), mb));
+        EXPECT_EQ(std::memcmp(ma, mb, sizeof ma), 0);
+    }
+    EXPECT_TRUE(Contains(Logs(), "File Read Fail [in memory]")) << "the log names the text";
+}

@@ -190,6 +190,21 @@ TEST_F(ErrLogTest, LevelsDecideWhatIsWrittenAndTheRecordLayout) {
     EXPECT_NE(ReadFile(today).find("\n1-2-3-4-5-6-\n        7-8\n"), npos) << "six calls to a line";
 }
 
+std::string g_captured;
+void Capture(const char* pcRecord, std::size_t iLen) { g_captured.append(pcRecord, iLen); }
+
+TEST_F(ErrLogTest, AWriterTakesTheRecordsInsteadOfTheFileUntilCleared) {
+    g_captured.clear();
+    comp::log::SetErrFileWriter(Capture);
+    ErrLog(0, "to the writer", ERRLOG_FILE, nullptr, 0);
+    ErrLog(500, "dropped as ever", ERRLOG_FILE, nullptr, 0);
+    comp::log::SetErrFileWriter(nullptr);
+    EXPECT_EQ(g_captured, "@MSG:to the writer\n");
+    EXPECT_FALSE(fs::exists(today));
+    ErrLog(0, "to the file", ERRLOG_FILE, nullptr, 0);
+    EXPECT_EQ(ReadFile(today), "@MSG:to the file\n");
+}
+
 TEST_F(ErrLogTest, RotationAndBackupNames) {
     ChgLog('3', "1");  // 1 KiB
     std::string line(400, 'e');
