@@ -77,10 +77,17 @@ std::string ReadFile(const std::string& path) { return kit::ReadWholeFile(path).
 IpcKeys::~IpcKeys() { removeAll(); }
 
 key_t IpcKeys::next() {
-    // 0x5Cpppppn: the pid keeps parallel test processes apart, the sequence
-    // the keys of one process.
-    key_t k = static_cast<key_t>(0x50000000u | ((static_cast<unsigned>(getpid()) & 0xFFFFFu) << 8) |
-                                 (static_cast<unsigned>(g_keySeq++) & 0xFFu));
+    // 0x5pppppnn: the pid keeps parallel test processes apart, the sequence
+    // the keys of one process. A key that already names an object was left
+    // by an earlier process of the same pid (a test killed at its time-out
+    // cannot clean up, and pids come round again): it is passed over.
+    auto taken = [](key_t k) { return msgget(k, 0) >= 0 || semget(k, 0, 0) >= 0 || shmget(k, 0, 0) >= 0; };
+    key_t k = 0;
+    for (int tries = 0; tries < 256; ++tries) {
+        k = static_cast<key_t>(0x50000000u | ((static_cast<unsigned>(getpid()) & 0xFFFFFu) << 8) |
+                               (static_cast<unsigned>(g_keySeq++) & 0xFFu));
+        if (!taken(k)) break;
+    }
     keys_.push_back(k);
     return k;
 }

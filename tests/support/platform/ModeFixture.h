@@ -9,6 +9,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ protected:
         for (const std::string& k : dropVars) setup.vars.erase(k);
         setup.appVars = appVars;
         StartPlatform(setup);
+        // Without a platform nothing the test goes on to do can pass, and
+        // some of it would wait long: end the test here (gtest reports the
+        // exception as a failure and still runs TearDown).
+        if (HasFatalFailure()) throw std::runtime_error("the platform could not be brought up");
         mode_ = mode;
         route_ = row["ROUTEID"];
         StartInstance(instance, readyText, arg);
