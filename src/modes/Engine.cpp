@@ -35,14 +35,14 @@ constexpr int64_t kParentPollUsec = kUsecPerSec;
 
 }  // namespace
 
-Loop::Loop(const Spec& stSpec, const Hooks& stHooks)
-    : spec_(stSpec),
+Loop::Loop(const Setup& stSetup, const Hooks& stHooks)
+    : setup_(stSetup),
       hooks_(stHooks),
-      ownClock_(stSpec.pClock ? nullptr : std::make_unique<SystemClock>()),
-      clock_(stSpec.pClock ? stSpec.pClock : ownClock_.get()),
-      ownPoller_(stSpec.pPoller ? nullptr : MakePoller(stSpec.eBackend)),
-      poller_(stSpec.pPoller ? stSpec.pPoller : ownPoller_.get()),
-      slots_(static_cast<size_t>(std::max(stSpec.iTableSize, 0))),
+      ownClock_(stSetup.pClock ? nullptr : std::make_unique<SystemClock>()),
+      clock_(stSetup.pClock ? stSetup.pClock : ownClock_.get()),
+      ownPoller_(stSetup.pPoller ? nullptr : MakePoller(stSetup.eBackend)),
+      poller_(stSetup.pPoller ? stSetup.pPoller : ownPoller_.get()),
+      slots_(static_cast<size_t>(std::max(stSetup.iTableSize, 0))),
       holdUntil_(slots_.size(), 0),
       pauseUntil_(slots_.size(), 0),
       repairFailures_(slots_.size(), 0) {
@@ -50,7 +50,7 @@ Loop::Loop(const Spec& stSpec, const Hooks& stHooks)
     sigaddset(&usr1_, SIGUSR1);
     candidates_.reserve(slots_.size() + 1);
     Tick();
-    if (spec_.bUpkeep) {
+    if (setup_.bUpkeep) {
         nextUpkeep_ = (now_ / kUsecPerSec + 1) * kUsecPerSec;
         log::TakeReserve();   // before connections can use the descriptors up
     }
@@ -64,7 +64,7 @@ Loop::~Loop() {
 // ---- descriptors ----------------------------------------------------------
 
 bool Loop::Watch(int iFd, Role eRole, Handler pfHandler, void* pvCtx) {
-    if (iFd < 0 || iFd >= spec_.iTableSize || eRole == Role::kFree || holdUntil_[iFd] != 0) return false;
+    if (iFd < 0 || iFd >= setup_.iTableSize || eRole == Role::kFree || holdUntil_[iFd] != 0) return false;
     Slot& s = slots_[iFd];
     if (s.role == Role::kFree && !poller_->Add(iFd)) return false;
     if (s.role == Role::kConn) --connCount_;
@@ -92,7 +92,7 @@ void Loop::Unwatch(int iFd) {
 }
 
 bool Loop::Watched(int iFd) const {
-    return iFd >= 0 && iFd < spec_.iTableSize && slots_[iFd].role != Role::kFree;
+    return iFd >= 0 && iFd < setup_.iTableSize && slots_[iFd].role != Role::kFree;
 }
 
 Role Loop::RoleOf(int iFd) const { return Watched(iFd) ? slots_[iFd].role : Role::kFree; }
@@ -126,7 +126,7 @@ void Loop::CloseHolding(int iFd, int64_t lUntilUsec) {
     if (rows_) rows_->FreeRow(iFd);
 }
 
-bool Loop::Held(int iFd) const { return iFd >= 0 && iFd < spec_.iTableSize && holdUntil_[iFd] != 0; }
+bool Loop::Held(int iFd) const { return iFd >= 0 && iFd < setup_.iTableSize && holdUntil_[iFd] != 0; }
 
 void Loop::ReleaseHold(int iFd) {
     if (!Held(iFd)) return;
@@ -198,7 +198,7 @@ void Loop::ClockWentBack() {
 }
 
 void Loop::RunPhase(Phase ePhase) {
-    const bool all = spec_.eStyle == WaitStyle::kFixed;
+    const bool all = setup_.eStyle == WaitStyle::kFixed;
     for (size_t i = 0; i < timers_.size(); ++i) {
         Timer& t = timers_[i];
         if (t.phase != ePhase || (!all && t.due > now_)) continue;
@@ -215,7 +215,7 @@ void Loop::RunPhase(Phase ePhase) {
 // pidfd can be had), and watches a new parent after a re-parenting to a
 // sub-reaper, so that the process quits exactly when its parent becomes 1.
 bool Loop::ParentGone() {
-    if (spec_.eStyle == WaitStyle::kFixed || noPidfd_) return getppid() == 1;
+    if (setup_.eStyle == WaitStyle::kFixed || noPidfd_) return getppid() == 1;
     if (pidFd_ >= 0 && watchedParent_ > 0) return false;
     for (;;) {
         pid_t parent = getppid();
@@ -249,7 +249,7 @@ bool Loop::ParentGone() {
 }
 
 bool Loop::IdleScanDue() const {
-    if (spec_.eStyle == WaitStyle::kFixed) return true;
+    if (setup_.eStyle == WaitStyle::kFixed) return true;
     return now_ / kUsecPerSec != lastScanSec_;
 }
 
@@ -277,7 +277,7 @@ void Loop::ExpirePauses() {
 
 void Loop::ExpireHolds() {
     if (heldCount_ == 0) return;
-    for (int fd = 0; fd < spec_.iTableSize && heldCount_ > 0; ++fd)
+    for (int fd = 0; fd < setup_.iTableSize && heldCount_ > 0; ++fd)
         if (holdUntil_[fd] != 0 && holdUntil_[fd] <= now_) ReleaseHold(fd);
 }
 
@@ -302,7 +302,7 @@ void Loop::Dispatch() {
     readyEpoch_.resize(ready_.size());
     for (size_t i = 0; i < ready_.size(); ++i) {
         int fd = ready_[i].fd;
-        readyEpoch_[i] = (fd >= 0 && fd < spec_.iTableSize) ? slots_[fd].epoch : 0;
+        readyEpoch_[i] = (fd >= 0 && fd < setup_.iTableSize) ? slots_[fd].epoch : 0;
     }
     for (size_t i = 0; i < ready_.size(); ++i) {
         const int fd = ready_[i].fd;
@@ -310,7 +310,7 @@ void Loop::Dispatch() {
             watchedParent_ = 0;   // look at the parent at the start of the next pass
             continue;
         }
-        if (fd < 0 || fd >= spec_.iTableSize) continue;
+        if (fd < 0 || fd >= setup_.iTableSize) continue;
         // A handler may have closed this descriptor, or its number may have
         // been taken again, since the wait.
         Slot& s = slots_[fd];
@@ -320,17 +320,17 @@ void Loop::Dispatch() {
 }
 
 int Loop::RunOnce() {
-    const bool fixed = spec_.eStyle == WaitStyle::kFixed;
+    const bool fixed = setup_.eStyle == WaitStyle::kFixed;
     sigset_t old;
     if (fixed && iSetSignalBlock(&usr1_, &old) != 0) {
-        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d,%s]iSetSignalBlock() error.errno=%d,errmsg=[%s]", spec_.pcSrc,
-                      __LINE__, spec_.pcMode, errno, std::strerror(errno));
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d,%s]iSetSignalBlock() error.errno=%d,errmsg=[%s]", setup_.pcSrc,
+                      __LINE__, setup_.pcMode, errno, std::strerror(errno));
         ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
         return -1;
     }
     Tick();
     if (ParentGone()) {
-        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]Parent exit.errno=%d,errmsg=[%s]", spec_.pcSrc, __LINE__,
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]Parent exit.errno=%d,errmsg=[%s]", setup_.pcSrc, __LINE__,
                       errno, std::strerror(errno));
         ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
         Quit();
@@ -347,18 +347,18 @@ int Loop::RunOnce() {
     }
     if (pidFd_ >= 0 && poller_->NeedsCandidates()) candidates_.push_back(pidFd_);
 
-    const int64_t timeout = fixed ? spec_.lWaitUsec : WaitTimeout();
+    const int64_t timeout = fixed ? setup_.lWaitUsec : WaitTimeout();
     int n = poller_->Wait(candidates_, clock_->RealWait(timeout), ready_);
     if (n < 0) {
         int err = errno;
         if (err != EINTR) {
-            std::snprintf(g_caMsg, sizeof g_caMsg, spec_.pcWaitFailFmt, spec_.pcSrc, __LINE__, err,
+            std::snprintf(g_caMsg, sizeof g_caMsg, setup_.pcWaitFailFmt, setup_.pcSrc, __LINE__, err,
                           std::strerror(err));
             ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
             Quit();
         }
-        if (spec_.bLogEintr) {
-            std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]EINTR , continue", spec_.pcSrc, __LINE__);
+        if (setup_.bLogEintr) {
+            std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]EINTR , continue", setup_.pcSrc, __LINE__);
             ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
         }
         if (fixed) iSetSignalMask(&old);
@@ -404,7 +404,7 @@ void Loop::RepairFifo(int iFd) {
     const int err = errno;
     if (fresh >= 0 && Refile(iFd, fresh)) {
         repairFailures_[iFd] = 0;
-        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]FIFO [%s] of descriptor %d %s; made it again", spec_.pcSrc,
+        std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]FIFO [%s] of descriptor %d %s; made it again", setup_.pcSrc,
                       __LINE__, path.c_str(), iFd, how);
         ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
         return;
@@ -412,7 +412,7 @@ void Loop::RepairFifo(int iFd) {
     // Tried every second; said the first time and once a minute after.
     if (repairFailures_[iFd]++ % 60 != 0) return;
     std::snprintf(g_caMsg, sizeof g_caMsg, "[%s,%d]FIFO [%s] of descriptor %d %s and cannot be made again.errno=%d,errmsg=[%s]",
-                  spec_.pcSrc, __LINE__, path.c_str(), iFd, how, err, std::strerror(err));
+                  setup_.pcSrc, __LINE__, path.c_str(), iFd, how, err, std::strerror(err));
     ErrLog(1000, g_caMsg, ERRLOG_FILE, nullptr, 0);
 }
 

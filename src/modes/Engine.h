@@ -99,7 +99,7 @@ public:
         // The mode's clean-up before the process ends (table, queue, FIFOs).
         void (*quit)(void* ctx) = nullptr;
     };
-    struct Spec {
+    struct Setup {
         const char* pcSrc = "";        // source name of the engine's log lines (the mode's)
         const char* pcMode = "";       // mode name for the log lines
         int iTableSize = 0;            // MAX_COM_NUM: descriptors stay below it
@@ -114,11 +114,11 @@ public:
         Poller* pPoller = nullptr;     // a backend of the caller's (tests); null: eBackend's
         // Once a second: the FIFOs this process opened are made again when
         // their files were removed, and the log's counts of lines left out
-        // are written (see Upkeep). ModeLoopSpec turns it on for every mode.
+        // are written (see Upkeep). ModeLoopSetup turns it on for every mode.
         bool bUpkeep = false;
     };
 
-    Loop(const Spec& stSpec, const Hooks& stHooks);
+    Loop(const Setup& stSetup, const Hooks& stHooks);
     ~Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
@@ -188,10 +188,10 @@ public:
     // One pass: 0, or -1 when SIGUSR1 cannot be blocked.
     int RunOnce();
 
-    int TableSize() const { return spec_.iTableSize; }
+    int TableSize() const { return setup_.iTableSize; }
     // The source name of the mode's lines (the "[%s,%d]" slot).
-    const char* Source() const { return spec_.pcSrc; }
-    WaitStyle Style() const { return spec_.eStyle; }
+    const char* Source() const { return setup_.pcSrc; }
+    WaitStyle Style() const { return setup_.eStyle; }
     void SetRows(RowOwner* pRows) { rows_ = pRows; }
 
 private:
@@ -226,7 +226,7 @@ private:
     void Dispatch();
     void Forget(int iFd);
 
-    Spec spec_;
+    Setup setup_;
     Hooks hooks_;
     std::unique_ptr<Clock> ownClock_;
     Clock* clock_;
@@ -269,7 +269,7 @@ inline constexpr auto Fn = &Adapter<F>::Call;
 
 namespace seam {
 // A test's hand on a mode's loop, to run a whole mode in-process: the loop
-// that ModeLoopSpec describes takes the driver's clock; Run asks the driver
+// that ModeLoopSetup describes takes the driver's clock; Run asks the driver
 // before every pass whether to go on (false: Run returns 0); and Quit ends in
 // the driver, after the mode's quit hook, instead of ending the process.
 // Null in the product.

@@ -42,25 +42,25 @@ WaitStyle ConfiguredWaitStyle() {
     return strncasecmp(value, "DEADLINE", 8) == 0 ? WaitStyle::kDeadline : WaitStyle::kFixed;
 }
 
-Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
+Loop::Setup ModeLoopSetup(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
                         Backend eFixedBackend, Backend eDeadlineBackend) {
-    Loop::Spec spec;
-    spec.pcSrc = pcSrc;
-    spec.pcMode = pcMode;
-    spec.iTableSize = iTableSize;
-    spec.lWaitUsec = lWaitUsec;
-    spec.eStyle = ConfiguredWaitStyle();
-    spec.eBackend = spec.eStyle == WaitStyle::kDeadline ? eDeadlineBackend : eFixedBackend;
-    spec.bUpkeep = true;
-    if (seam::g_pLoopDriver != nullptr) spec.pClock = seam::g_pLoopDriver->clock();
-    return spec;
+    Loop::Setup setup;
+    setup.pcSrc = pcSrc;
+    setup.pcMode = pcMode;
+    setup.iTableSize = iTableSize;
+    setup.lWaitUsec = lWaitUsec;
+    setup.eStyle = ConfiguredWaitStyle();
+    setup.eBackend = setup.eStyle == WaitStyle::kDeadline ? eDeadlineBackend : eFixedBackend;
+    setup.bUpkeep = true;
+    if (seam::g_pLoopDriver != nullptr) setup.pClock = seam::g_pLoopDriver->clock();
+    return setup;
 }
 
-Loop::Spec ListenerModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec) {
-    Loop::Spec spec = ModeLoopSpec(pcSrc, pcMode, iTableSize, lWaitUsec);
-    spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-    spec.bLogEintr = false;
-    return spec;
+Loop::Setup ListenerModeLoopSetup(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec) {
+    Loop::Setup setup = ModeLoopSetup(pcSrc, pcMode, iTableSize, lWaitUsec);
+    setup.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
+    setup.bLogEintr = false;
+    return setup;
 }
 
 bool OpenModeFifos(const char* pcSrc, int iInstance, const char* pcNotifyName, int iNotifyKind, ModeFifos* pstOut) {
@@ -98,17 +98,17 @@ ControlCmd ReadControlCmd(const char* pcSrc, int iCtlFd, bool bAcceptAllowed, co
     return ControlCmd::kQuit;
 }
 
-Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec) {
+Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptOptions& stSetup) {
     Accepted a;
-    if (stSpec.bShortRcvTimeo) {
+    if (stSetup.bShortRcvTimeo) {
         // The accept must not hang when another process took the client.
         timeval tv{0, 5};
         setsockopt(iListenFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     }
     // With the peer from the accept, the accept also makes the connection
     // non-blocking (one call less than iNoblockFd afterwards).
-    const bool nonBlockByAccept = stSpec.bNonBlock && !stSpec.bPeerByGetpeer;
-    if (stSpec.bPeerByGetpeer)
+    const bool nonBlockByAccept = stSetup.bNonBlock && !stSetup.bPeerByGetpeer;
+    if (stSetup.bPeerByGetpeer)
         a.fd.reset(iSockAccept(iListenFd));
     else
         a.fd.reset(SockAcceptInfoFlags(iListenFd, a.ip, &a.port, nonBlockByAccept ? SOCK_NONBLOCK : 0));
@@ -117,7 +117,7 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         a.outcome = AcceptOutcome::kReportFailed;
         return a;
     }
-    if (stSpec.pPacer != nullptr) stSpec.pPacer->AfterAccept(a.fd.valid() ? 0 : a.err);
+    if (stSetup.pPacer != nullptr) stSetup.pPacer->AfterAccept(a.fd.valid() ? 0 : a.err);
     if (!a.fd.valid()) {
         errno = a.err;
         a.outcome = AcceptOutcome::kAcceptFailed;
@@ -127,12 +127,12 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
         a.outcome = AcceptOutcome::kTooMany;
         return a;
     }
-    if (stSpec.bNonBlock && !nonBlockByAccept && iNoblockFd(a.fd.get()) != 0) {
+    if (stSetup.bNonBlock && !nonBlockByAccept && iNoblockFd(a.fd.get()) != 0) {
         a.err = errno;
         a.outcome = AcceptOutcome::kNoBlockFailed;
         return a;
     }
-    if (stSpec.bPeerByGetpeer && iGetPeer(a.fd.get(), a.ip, &a.port) != 0) {
+    if (stSetup.bPeerByGetpeer && iGetPeer(a.fd.get(), a.ip, &a.port) != 0) {
         a.err = errno;
         a.outcome = AcceptOutcome::kPeerFailed;
         return a;
@@ -141,9 +141,9 @@ Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec
     return a;
 }
 
-bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptSpec& stSpec, Accepted* pstOut) {
+bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptOptions& stSetup, Accepted* pstOut) {
     Accepted& a = *pstOut;
-    a = AcceptOnCommand(iListenFd, loop.TableSize(), stSpec);
+    a = AcceptOnCommand(iListenFd, loop.TableSize(), stSetup);
     const char* fmt = nullptr;
     switch (a.outcome) {
         case AcceptOutcome::kOk: return true;

@@ -23,18 +23,18 @@ int ModeTableSize(const char* pcSrc, int iLine, const char* pcMissingFmt);
 // for the deadline-driven wait; anything else (or nothing) is the fixed one.
 WaitStyle ConfiguredWaitStyle();
 
-// The loop specification of a mode: its fixed wait time-out and the backend
+// The loop set-up of a mode: its fixed wait time-out and the backend
 // of each wait style, in the configured style. The deadline style waits with
 // epoll unless the mode says otherwise: standing registrations suit
 // connections that stay, while a mode whose connections each carry one
 // exchange (TS, TC) waits with ppoll, which costs no epoll_ctl to add and
 // remove every connection.
-Loop::Spec ModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
+Loop::Setup ModeLoopSetup(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec,
                         Backend eFixedBackend = Backend::kPoll, Backend eDeadlineBackend = Backend::kEpoll);
 // The loop of a mode that serves the clients of an inherited listener (PS,
 // PAS, PASSYN, FWS): a failed wait is logged as "select() error" and an
 // interrupted one is not logged at all.
-Loop::Spec ListenerModeLoopSpec(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec);
+Loop::Setup ListenerModeLoopSetup(const char* pcSrc, const char* pcMode, int iTableSize, int64_t lWaitUsec);
 
 // Opens the control FIFO "<pid>_<instance>" (kind 3) and, when pcNotifyName
 // is not null, the notification FIFO pcNotifyName of iNotifyKind. False after
@@ -115,7 +115,7 @@ private:
     void* ctx_ = nullptr;
 };
 
-struct AcceptSpec {
+struct AcceptOptions {
     bool bShortRcvTimeo = false;   // a 5-microsecond SO_RCVTIMEO on the listener first
     bool bPeerByGetpeer = false;   // plain accept, then the peer from getpeername
     bool bNonBlock = true;
@@ -133,14 +133,14 @@ struct Accepted {
 // Accepts one connection and reports code 9 to Commonp whatever the accept
 // gave; then checks the table bound, non-blocking and the peer. Each mode
 // writes its own log lines for the outcome.
-Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptSpec& stSpec);
+Accepted AcceptOnCommand(int iListenFd, int iTableSize, const AcceptOptions& stSetup);
 
 // AcceptOnCommand with the usual lines for what went wrong: "SysTellCommonp
 // error" (then the process quits through the loop), "iSockAccept error"
 // (EAGAIN too: another process took the client), "Too many communication
 // node", "iNoblockFd error"; a connection refused so is closed. True when
 // the connection is the caller's.
-bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptSpec& stSpec, Accepted* pstOut);
+bool AcceptOnCommandLogged(const char* pcSrc, Loop& loop, int iListenFd, const AcceptOptions& stSetup, Accepted* pstOut);
 // ---- input pre-handling --------------------------------------------------
 
 // The route's input pre-handling function pcName run on one message a peer

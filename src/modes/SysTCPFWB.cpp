@@ -168,10 +168,10 @@ int SysTCPFWB(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd
     hooks.close = comp::Fn<FwbCloseHook>;
     hooks.closeAgain = comp::Fn<FwbCloseAgain>;
     hooks.quit = comp::Fn<FwbQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kEpoll);
-    spec.pcWaitFailFmt = "epoll_wait";
-    spec.bLogEintr = false;
-    f.loop.emplace(spec, hooks);
+    comp::Loop::Setup setup = comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kEpoll);
+    setup.pcWaitFailFmt = "epoll_wait";
+    setup.bLogEintr = false;
+    f.loop.emplace(setup, hooks);
     comp::Loop& loop = *f.loop;
     loop.SetRows(&f.rows);
 
@@ -253,7 +253,7 @@ int64_t FwbReconnect(Fwb& f, int64_t) {
 
 void FwbAccept(Fwb& f) {
     comp::Accepted a;
-    comp::AcceptSpec how;
+    comp::AcceptOptions how;
     how.pPacer = &f.accepts;
     if (!comp::AcceptOnCommandLogged(SRC_NAME, *f.loop, f.listenFd, how, &a)) return;
     const int fd = a.fd.get();

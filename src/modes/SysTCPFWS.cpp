@@ -114,8 +114,8 @@ int SysTCPFWS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd
     hooks.close = comp::Fn<FwsCloseHook>;
     hooks.closeAgain = comp::Fn<FwsCloseAgain>;
     hooks.quit = comp::Fn<FwsQuit>;
-    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    s.loop.emplace(spec, hooks);
+    const comp::Loop::Setup setup = comp::ListenerModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec);
+    s.loop.emplace(setup, hooks);
     comp::Loop& loop = *s.loop;
     loop.SetRows(&s.rows);
 
@@ -146,7 +146,7 @@ bool FwsIdle(Fws& s, int fd, int64_t now) {
 
 void FwsAccept(Fws& s) {
     comp::Accepted a;
-    comp::AcceptSpec how;
+    comp::AcceptOptions how;
     how.pPacer = &s.accepts;
     if (!comp::AcceptOnCommandLogged(SRC_NAME, *s.loop, s.listenFd, how, &a)) return;
     const int fd = a.fd.get();

@@ -162,8 +162,8 @@ int SysTCPPAS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd
     hooks.close = comp::Fn<PasCloseHook>;
     hooks.closeAgain = comp::Fn<PasCloseAgain>;
     hooks.quit = comp::Fn<PasQuit>;
-    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    p.loop.emplace(spec, hooks);
+    const comp::Loop::Setup setup = comp::ListenerModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec);
+    p.loop.emplace(setup, hooks);
     comp::Loop& loop = *p.loop;
     loop.SetRows(&p.rows);
 
@@ -218,7 +218,7 @@ void PasControl(Pas& p, int fd, unsigned) {
 // receive time-out first, so that the accept cannot hang when another
 // process took the client.
 void PasAccept(Pas& p) {
-    comp::AcceptSpec how;
+    comp::AcceptOptions how;
     how.bShortRcvTimeo = true;
     how.bNonBlock = false;   // after the address check
     how.pPacer = &p.accepts;

@@ -140,8 +140,8 @@ int SysTCPPASSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListe
     hooks.idle = comp::Fn<PassynSilent>;
     hooks.close = comp::Fn<PassynCloseHook>;
     hooks.quit = comp::Fn<PassynQuit>;
-    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    ps.loop.emplace(spec, hooks);
+    const comp::Loop::Setup setup = comp::ListenerModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec);
+    ps.loop.emplace(setup, hooks);
     comp::Loop& loop = *ps.loop;
     loop.SetRows(&ps.rows);
 
@@ -298,7 +298,7 @@ void FirstPoll(Passyn& ps, int fd) {
 }
 
 void Accept(Passyn& ps) {
-    comp::AcceptSpec how;
+    comp::AcceptOptions how;
     how.pPacer = &ps.accepts;
     comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), how);
     switch (a.outcome) {

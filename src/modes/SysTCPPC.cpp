@@ -146,7 +146,7 @@ int SysTCPPC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     hooks.idle = comp::Fn<PcIdle>;
     hooks.close = comp::Fn<PcCloseHook>;
     hooks.quit = comp::Fn<PcQuit>;
-    pc.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    pc.loop.emplace(comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
     comp::Loop& loop = *pc.loop;
     pc.rows.Reset(tableSize);
     for (int fd = 0; fd < tableSize; ++fd) {

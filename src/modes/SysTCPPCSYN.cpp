@@ -125,8 +125,8 @@ int SysTCPPCSYN(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*
     hooks.idle = comp::Fn<PcsynSilent>;
     hooks.close = comp::Fn<PcsynCloseHook>;
     hooks.quit = comp::Fn<PcsynQuit>;
-    comp::Loop::Spec spec = comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    p.loop.emplace(spec, hooks);
+    comp::Loop::Setup setup = comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec);
+    p.loop.emplace(setup, hooks);
     comp::Loop& loop = *p.loop;
     p.keepTimer = loop.AddTimer(comp::Phase::kBeforeWait, comp::Fn<PcsynKeepAliveTimer>, &p, comp::Loop::kNever);
 

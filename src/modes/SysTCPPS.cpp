@@ -98,8 +98,8 @@ int SysTCPPS(char* pcRouteId, RouteRecord stRoute, int iInstance, int iListenFd)
     hooks.ctx = &ps;
     hooks.idle = comp::Fn<PsIdle>;
     hooks.quit = comp::Fn<PsQuit>;
-    const comp::Loop::Spec spec = comp::ListenerModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec);
-    ps.loop.emplace(spec, hooks);
+    const comp::Loop::Setup setup = comp::ListenerModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec);
+    ps.loop.emplace(setup, hooks);
     comp::Loop& loop = *ps.loop;
     loop.SetRows(&ps.rows);
 
@@ -156,10 +156,10 @@ void PsControl(Ps& ps, int fd, unsigned) {
 // A client waits on the shared listener: take it, and tell Commonp whatever
 // the accept gave.
 void PsAccept(Ps& ps) {
-    comp::AcceptSpec spec;
-    spec.pPacer = &ps.accepts;
-    spec.bPeerByGetpeer = true;
-    comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), spec);
+    comp::AcceptOptions setup;
+    setup.pPacer = &ps.accepts;
+    setup.bPeerByGetpeer = true;
+    comp::Accepted a = comp::AcceptOnCommand(ps.listenFd, ps.loop->TableSize(), setup);
     switch (a.outcome) {
         case comp::AcceptOutcome::kOk: break;
         case comp::AcceptOutcome::kReportFailed:

@@ -90,9 +90,9 @@ int SysTCPTC(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     comp::Loop::Hooks hooks;
     hooks.ctx = &tc;
     hooks.idle = comp::Fn<TcIdle>;
-    // One exchange per connection: ppoll in both wait styles (see ModeLoopSpec).
+    // One exchange per connection: ppoll in both wait styles (see ModeLoopSetup).
     tc.loop.emplace(
-        comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
+        comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
     comp::Loop& loop = *tc.loop;
     loop.SetRows(&tc.rows);
 

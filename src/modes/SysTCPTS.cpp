@@ -143,9 +143,9 @@ int SysTCPTS(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iArg*/) 
     hooks.idle = comp::Fn<TsIdle>;
     hooks.close = comp::Fn<TsCloseHook>;
     hooks.quit = comp::Fn<TsQuit>;
-    // One exchange per connection: ppoll in both wait styles (see ModeLoopSpec).
+    // One exchange per connection: ppoll in both wait styles (see ModeLoopSetup).
     ts.loop.emplace(
-        comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
+        comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec, comp::Backend::kPoll, comp::Backend::kPoll), hooks);
     comp::Loop& loop = *ts.loop;
     loop.SetRows(&ts.rows);
 

@@ -149,7 +149,7 @@ int SysTCPVANTREL(char* pcRouteId, RouteRecord stRoute, int iInstance, int /*iAr
     hooks.idle = comp::Fn<VtIdle>;
     hooks.close = comp::Fn<VtCloseHook>;
     hooks.quit = comp::Fn<VtQuit>;
-    v.loop.emplace(comp::ModeLoopSpec(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
+    v.loop.emplace(comp::ModeLoopSetup(SRC_NAME, kMode, tableSize, kWaitUsec), hooks);
     comp::Loop& loop = *v.loop;
     loop.SetRows(&v.rows);
     const int64_t now = NowSec(v);

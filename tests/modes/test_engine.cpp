@@ -93,20 +93,20 @@ protected:
     }
     void Make(Backend b, WaitStyle w, int64_t waitUsec = 1000) {
         loop.reset();
-        Loop::Spec spec;
-        spec.pcSrc = "test";
-        spec.pcMode = "test";
-        spec.iTableSize = kTable;
-        spec.lWaitUsec = waitUsec;
-        spec.eBackend = b;
-        spec.eStyle = w;
-        spec.pClock = &clock;
+        Loop::Setup setup;
+        setup.pcSrc = "test";
+        setup.pcMode = "test";
+        setup.iTableSize = kTable;
+        setup.lWaitUsec = waitUsec;
+        setup.eBackend = b;
+        setup.eStyle = w;
+        setup.pClock = &clock;
         Loop::Hooks hooks;
         hooks.ctx = &seen;
         hooks.idle = comp::Fn<OnIdle>;
         hooks.close = comp::Fn<OnClose>;
         hooks.closeAgain = comp::Fn<OnCloseAgain>;
-        loop.emplace(spec, hooks);
+        loop.emplace(setup, hooks);
         rows.seen = &seen;
         loop->SetRows(&rows);
         seen.loop = &*loop;
@@ -250,15 +250,15 @@ TEST_P(EngineTest, paused_descriptor_is_left_out_of_the_waits_until_its_pause_en
 // With upkeep on, a FIFO whose file is removed under the loop is made again
 // within a second, under the same descriptor, with its unread bytes.
 TEST_P(EngineTest, upkeep_makes_a_removed_fifo_again_under_the_same_descriptor) {
-    Loop::Spec spec;
-    spec.pcSrc = "SysTCPxx";
-    spec.iTableSize = kTable;
-    spec.lWaitUsec = 1000;
-    spec.eBackend = std::get<0>(GetParam());
-    spec.eStyle = std::get<1>(GetParam());
-    spec.pClock = &clock;
-    spec.bUpkeep = true;
-    loop.emplace(spec, Loop::Hooks{&seen, nullptr, comp::Fn<OnClose>, nullptr, nullptr});
+    Loop::Setup setup;
+    setup.pcSrc = "SysTCPxx";
+    setup.iTableSize = kTable;
+    setup.lWaitUsec = 1000;
+    setup.eBackend = std::get<0>(GetParam());
+    setup.eStyle = std::get<1>(GetParam());
+    setup.pClock = &clock;
+    setup.bUpkeep = true;
+    loop.emplace(setup, Loop::Hooks{&seen, nullptr, comp::Fn<OnClose>, nullptr, nullptr});
     const int fifo = iOpenFIFO("4242", comp::kFifoPidNotify);
     ASSERT_GE(fifo, 0);
     ASSERT_TRUE(loop->Watch(fifo, Role::kFixed, comp::Fn<OnReady>, &seen));
@@ -434,14 +434,14 @@ private:
 
 class EngineFaultTest : public comptest::UnitTest {
 protected:
-    Loop::Spec SpecWith(comp::Poller* p) {
-        Loop::Spec spec;
-        spec.pcSrc = "test";
-        spec.iTableSize = kTable;
-        spec.pPoller = p;
-        spec.pClock = &clock;
-        spec.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
-        return spec;
+    Loop::Setup SetupWith(comp::Poller* p) {
+        Loop::Setup setup;
+        setup.pcSrc = "test";
+        setup.iTableSize = kTable;
+        setup.pPoller = p;
+        setup.pClock = &clock;
+        setup.pcWaitFailFmt = "[%s,%d]select() error.errno=%d,errmsg=[%s]";
+        return setup;
     }
     comp::ManualClock clock;
     Seen seen;
@@ -454,7 +454,7 @@ TEST_F(EngineFaultTest, interrupted_wait_ends_the_pass_and_a_failed_one_the_proc
     Loop::Hooks hooks;
     hooks.ctx = &seen;
     {
-        Loop loop(SpecWith(&eintr), hooks);
+        Loop loop(SetupWith(&eintr), hooks);
         loop.AddTimer(Phase::kAfterDispatch, comp::Fn<Note<1>>, &seen);
         EXPECT_EQ(loop.RunOnce(), 0);
         EXPECT_TRUE(seen.trace.empty()) << "an interrupted pass does no after-pass work";
@@ -464,7 +464,7 @@ TEST_F(EngineFaultTest, interrupted_wait_ends_the_pass_and_a_failed_one_the_proc
     FailingPoller bad(EBADF);
     hooks.quit = comp::Fn<QuitHook>;
     int status = comptest::RunInChild([&] {
-        Loop loop(SpecWith(&bad), hooks);
+        Loop loop(SetupWith(&bad), hooks);
         loop.RunOnce();
         return 0;
     });
@@ -486,19 +486,19 @@ TEST_F(EngineFaultTest, lost_parent_ends_the_process_in_both_styles) {
             for (int i = 0; i < 200 && getppid() != 1; ++i) usleep(5000);
             if (getppid() != 1) _exit(7);   // taken by a sub-reaper
             comp::SystemClock real;
-            Loop::Spec spec;
-            spec.pcSrc = "test";
-            spec.iTableSize = kTable;
-            spec.eStyle = w;
-            spec.eBackend = Backend::kEpoll;
-            spec.pClock = &real;
+            Loop::Setup setup;
+            setup.pcSrc = "test";
+            setup.iTableSize = kTable;
+            setup.eStyle = w;
+            setup.eBackend = Backend::kEpoll;
+            setup.pClock = &real;
             Loop::Hooks hooks;
             hooks.ctx = &report[1];
             hooks.quit = [](void* ctx) {
                 (void)!write(*static_cast<int*>(ctx), "q", 1);
                 _exit(0);
             };
-            Loop loop(spec, hooks);
+            Loop loop(setup, hooks);
             for (int i = 0; i < 1000; ++i) loop.RunOnce();
             _exit(5);
         }
@@ -515,7 +515,7 @@ TEST_F(EngineFaultTest, lost_parent_ends_the_process_in_both_styles) {
     EXPECT_TRUE(Logged("]Parent exit.errno=")) << Logs();
 }
 
-// A test runs a mode's loop through the driver: the mode's loop spec takes the
+// A test runs a mode's loop through the driver: the mode's loop setup takes the
 // driver's clock, Run asks before every pass, and Quit ends in the driver.
 struct Driver final : comp::seam::LoopDriver {
     comp::ManualClock* clk = nullptr;
@@ -531,14 +531,14 @@ TEST_F(EngineFaultTest, driver_runs_the_passes_it_allows_and_takes_the_quit) {
     d.allowed = 3;
     comp::seam::g_pLoopDriver = &d;
     run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 1\n[]\n");
-    comp::Loop::Spec spec = comp::ModeLoopSpec("test", "test", kTable, 10);
-    EXPECT_EQ(spec.pClock, &clock);
-    spec.iTableSize = kTable;
+    comp::Loop::Setup setup = comp::ModeLoopSetup("test", "test", kTable, 10);
+    EXPECT_EQ(setup.pClock, &clock);
+    setup.iTableSize = kTable;
     Loop::Hooks hooks;
     hooks.ctx = &seen;
     hooks.quit = [](void* ctx) { static_cast<Seen*>(ctx)->trace.push_back("quit hook"); };
     {
-        Loop loop(spec, hooks);
+        Loop loop(setup, hooks);
         const int64_t start = clock.NowUsec();
         EXPECT_EQ(loop.Run(), 0);
         EXPECT_EQ(d.passes, 4) << "asked before each of three passes and once more";

@@ -98,13 +98,13 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
     int port = 0;
     comp::UniqueFd lsn(comptest::ListenLoopback(&port));
 
-    comp::Accepted none = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{});
+    comp::Accepted none = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptOptions{});
     EXPECT_EQ(none.outcome, comp::AcceptOutcome::kAcceptFailed);
     EXPECT_EQ(none.err, EAGAIN) << "nobody waits: another process took the client";
     EXPECT_EQ(Reports(), 1);
 
     comp::UniqueFd client = comptest::DialLoopback(port);
-    comp::Accepted ok = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{true, true, true});
+    comp::Accepted ok = comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptOptions{true, true, true});
     ASSERT_EQ(ok.outcome, comp::AcceptOutcome::kOk);
     EXPECT_STREQ(ok.ip, "127.0.0.1");
     EXPECT_GT(ok.port, 0);
@@ -112,52 +112,52 @@ TEST_F(ModeSetupTest, accept_on_command_reports_code_9_whatever_the_accept_gave)
     EXPECT_EQ(Reports(), 1);
 
     comp::UniqueFd second = comptest::DialLoopback(port);
-    comp::Accepted over = comp::AcceptOnCommand(lsn.get(), ok.fd.get(), comp::AcceptSpec{});
+    comp::Accepted over = comp::AcceptOnCommand(lsn.get(), ok.fd.get(), comp::AcceptOptions{});
     EXPECT_EQ(over.outcome, comp::AcceptOutcome::kTooMany);
     EXPECT_EQ(Reports(), 1);
 
     g_stMsgQCntl[comp::kQueueCommonp].iId = -1;   // Commonp's queue is gone
     comp::UniqueFd third = comptest::DialLoopback(port);
-    EXPECT_EQ(comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptSpec{}).outcome,
+    EXPECT_EQ(comp::AcceptOnCommand(lsn.get(), 1024, comp::AcceptOptions{}).outcome,
               comp::AcceptOutcome::kReportFailed);
 }
 
-TEST_F(ModeSetupTest, loop_spec_takes_the_backend_of_the_configured_wait_style) {
+TEST_F(ModeSetupTest, loop_setup_takes_the_backend_of_the_configured_wait_style) {
     using comp::Backend;
     using comp::WaitStyle;
     run.write("etc/app.cfg", "[APPVARS]\nLOG_LEVEL 3\n[]\n");
-    comp::Loop::Spec spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kPoll, Backend::kEpoll);
-    EXPECT_EQ(spec.eStyle, WaitStyle::kFixed);
-    EXPECT_EQ(spec.eBackend, Backend::kPoll);
-    EXPECT_EQ(spec.lWaitUsec, 100);
+    comp::Loop::Setup setup = comp::ModeLoopSetup("S", "M", 64, 100, Backend::kPoll, Backend::kEpoll);
+    EXPECT_EQ(setup.eStyle, WaitStyle::kFixed);
+    EXPECT_EQ(setup.eBackend, Backend::kPoll);
+    EXPECT_EQ(setup.lWaitUsec, 100);
     run.write("etc/app.cfg", "[APPVARS]\nCOMP_WAIT deadline\n[]\n");
-    spec = comp::ModeLoopSpec("S", "M", 64, 100);
-    EXPECT_EQ(spec.eStyle, WaitStyle::kDeadline);
-    EXPECT_EQ(spec.eBackend, Backend::kEpoll) << "epoll unless the mode says otherwise";
-    spec = comp::ModeLoopSpec("S", "M", 64, 100, Backend::kEpoll, Backend::kPoll);
-    EXPECT_EQ(spec.eBackend, Backend::kPoll);
+    setup = comp::ModeLoopSetup("S", "M", 64, 100);
+    EXPECT_EQ(setup.eStyle, WaitStyle::kDeadline);
+    EXPECT_EQ(setup.eBackend, Backend::kEpoll) << "epoll unless the mode says otherwise";
+    setup = comp::ModeLoopSetup("S", "M", 64, 100, Backend::kEpoll, Backend::kPoll);
+    EXPECT_EQ(setup.eBackend, Backend::kPoll);
 }
 
 TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_one) {
     int port = 0;
     comp::UniqueFd lsn(comptest::ListenLoopback(&port));
-    comp::Loop::Spec spec;
-    spec.pcSrc = "Src";
-    spec.iTableSize = 1024;
-    comp::Loop loop(spec, comp::Loop::Hooks{});
+    comp::Loop::Setup setup;
+    setup.pcSrc = "Src";
+    setup.iTableSize = 1024;
+    comp::Loop loop(setup, comp::Loop::Hooks{});
     comp::Accepted a;
-    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
+    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptOptions{}, &a));
     EXPECT_TRUE(Logged("]iSockAccept error.errno=11,errmsg=[")) << Logs();
 
     comp::UniqueFd client = comptest::DialLoopback(port);
-    ASSERT_TRUE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptSpec{}, &a));
+    ASSERT_TRUE(comp::AcceptOnCommandLogged("Src", loop, lsn.get(), comp::AcceptOptions{}, &a));
     EXPECT_TRUE(a.fd.valid());
 
-    spec.iTableSize = a.fd.get();
-    comp::Loop small(spec, comp::Loop::Hooks{});
+    setup.iTableSize = a.fd.get();
+    comp::Loop small(setup, comp::Loop::Hooks{});
     comp::UniqueFd second = comptest::DialLoopback(port);
     comp::Accepted over;
-    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", small, lsn.get(), comp::AcceptSpec{}, &over));
+    EXPECT_FALSE(comp::AcceptOnCommandLogged("Src", small, lsn.get(), comp::AcceptOptions{}, &over));
     EXPECT_TRUE(Logged("]Too many communication node.errno="));
     EXPECT_FALSE(over.fd.valid()) << "a refused connection is closed";
     EXPECT_EQ(Reports(), 3);
@@ -167,19 +167,19 @@ TEST_F(ModeSetupTest, accept_logged_names_what_went_wrong_and_hands_over_a_good_
 
 void Nothing(int&, int, unsigned) {}
 
-comp::Loop::Spec PacedSpec(comp::Clock* clock, comp::WaitStyle style) {
-    comp::Loop::Spec spec;
-    spec.pcSrc = "Src";
-    spec.iTableSize = 1024;
-    spec.pClock = clock;
-    spec.eStyle = style;
-    spec.eBackend = comp::Backend::kEpoll;
-    return spec;
+comp::Loop::Setup PacedSetup(comp::Clock* clock, comp::WaitStyle style) {
+    comp::Loop::Setup setup;
+    setup.pcSrc = "Src";
+    setup.iTableSize = 1024;
+    setup.pClock = clock;
+    setup.eStyle = style;
+    setup.eBackend = comp::Backend::kEpoll;
+    return setup;
 }
 
 TEST_F(ModeSetupTest, pacer_pauses_a_listener_longer_with_each_accept_that_finds_no_descriptor) {
     comp::ManualClock clock;
-    comp::Loop loop(PacedSpec(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
+    comp::Loop loop(PacedSetup(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
     int port = 0, ctx = 0;
     comp::UniqueFd lsn(comptest::ListenLoopback(&port));
     ASSERT_TRUE(loop.Watch(lsn.get(), comp::Role::kFixed, comp::Fn<Nothing>, &ctx));
@@ -227,7 +227,7 @@ void CommandedAccept(Commanded& c) {
 TEST_F(ModeSetupTest, pacer_holds_accept_commands_until_the_pause_is_over) {
     for (comp::WaitStyle style : {comp::WaitStyle::kFixed, comp::WaitStyle::kDeadline}) {
         comp::ManualClock clock;
-        comp::Loop loop(PacedSpec(&clock, style), comp::Loop::Hooks{});
+        comp::Loop loop(PacedSetup(&clock, style), comp::Loop::Hooks{});
         Commanded c;
         auto command = [&] { c.pacer.Command(loop, comp::Fn<CommandedAccept>, &c); };
         command();
@@ -261,7 +261,7 @@ TEST_F(ModeSetupTest, pacer_holds_accept_commands_until_the_pause_is_over) {
 
 TEST_F(ModeSetupTest, accept_on_command_tells_its_pacer) {
     comp::ManualClock clock;
-    comp::Loop loop(PacedSpec(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
+    comp::Loop loop(PacedSetup(&clock, comp::WaitStyle::kFixed), comp::Loop::Hooks{});
     int port = 0;
     comp::UniqueFd lsn(comptest::ListenLoopback(&port));
     struct Ctx {
@@ -271,7 +271,7 @@ TEST_F(ModeSetupTest, accept_on_command_tells_its_pacer) {
     } ctx{{}, lsn.get(), {}};
     auto accept = [](void* p) {
         Ctx& c = *static_cast<Ctx*>(p);
-        comp::AcceptSpec how;
+        comp::AcceptOptions how;
         how.pPacer = &c.pacer;
         c.a = comp::AcceptOnCommand(c.listen, 1024, how);
     };
