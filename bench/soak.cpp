@@ -809,7 +809,8 @@ bool Soak::WriteReport(double ranSeconds, std::string* out) {
       << "The example platform of examples/ (every route compkit runs, the station link included) under steady "
          "traffic on every route, while a chaos part restarts peers, resets connections, stalls readers and sends "
          "malformed frames. `make soak` runs it for ten minutes and writes this file; `scripts/soak.sh --seconds N "
-         "--report FILE` runs it for any time; a 40-second version runs in `make test` (ctest `soak.short`).\n\n"
+         "--report FILE` runs it for any time; a 40-second version runs in `make test` (ctest `soak.short`). How it drives, counts and judges: "
+         "[operations.md](operations.md#soak-run).\n\n"
       << "## Run\n\n"
       << "- length: " << Fmt("%.0f", ranSeconds) << " s of traffic, " << opt_.rate
       << " steady messages a second per route, a chaos action every " << opt_.chaosEveryMs << " ms\n"
