@@ -181,7 +181,6 @@ private:
     std::atomic<bool> stopData_{false};
     std::atomic<uint64_t> psInstanceRestarts_{0};
     std::atomic<int> sourceCounter_{0};
-    std::atomic<int64_t> chaosTalking_{0};
 
     // Samples: per comp instance ("MODE route/instance pid") the series.
     struct Series {
@@ -193,7 +192,6 @@ private:
     std::map<pid_t, Series> series_;
     std::vector<double> ipcObjects_, ipcQueued_, runFifos_;
     int64_t startMs_ = 0;
-    std::string firstError_;
 };
 
 // ---- set-up ----
@@ -330,39 +328,28 @@ void Soak::TearDown() {
     run_.clear();
 }
 
-// Every route answers once (outside the counts) before the run begins.
+// Every server route takes a connection, and the relayed routes answer once
+// (outside the counts), before the run begins.
 bool Soak::WaitRoutesReady(std::string* why) {
     const int64_t deadline = kit::NowMs() + 60000;
-    for (int port : {Port(47010), Port(47032), Port(47040), Port(47060), Port(47051), Port(47031)}) {
-        for (;;) {
+    // One try: a connection, and with `exchange` a request and its answer.
+    auto ready = [](int port, bool exchange) {
+        std::string w;
+        kit::UniqueFd fd(kit::ConnectTo("127.0.0.1", port, 1000, &w));
+        if (!fd.valid() || !exchange) return fd.valid();
+        const std::string req = FrameRequest("0000ready", 4);
+        std::vector<char> ans;
+        return send(fd.get(), req.data(), req.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(req.size()) &&
+               kit::ReadFramed(fd.get(), kit::Framing{}, 6000, &ans, &w);
+    };
+    const std::pair<int, bool> checks[] = {{47040, false}, {47051, false}, {47031, false},
+                                           {47010, true},  {47032, true},  {47060, true}};
+    for (const auto& [examplePort, exchange] : checks) {
+        while (!ready(Port(examplePort), exchange)) {
             if (Ending() || kit::NowMs() > deadline) {
-                *why = "the route on port " + std::to_string(port) + " did not come up; supervisor: " +
-                       Tail(run_ + "/log/supervisor.out");
+                *why = "the route on port " + std::to_string(Port(examplePort)) + " did not " +
+                       (exchange ? "answer" : "come up") + "; supervisor: " + Tail(run_ + "/log/supervisor.out");
                 return false;
-            }
-            std::string w;
-            kit::UniqueFd fd(kit::ConnectTo("127.0.0.1", port, 1000, &w));
-            if (fd.valid()) break;
-            kit::SleepMs(200);
-        }
-    }
-    // The client routes are up once their links stand; wait for the relayed
-    // routes to answer.
-    for (int port : {Port(47010), Port(47032), Port(47060)}) {
-        for (;;) {
-            if (Ending() || kit::NowMs() > deadline) {
-                *why = "no answer on port " + std::to_string(port) + "; supervisor: " +
-                       Tail(run_ + "/log/supervisor.out");
-                return false;
-            }
-            std::string w;
-            kit::UniqueFd fd(kit::ConnectTo("127.0.0.1", port, 1000, &w));
-            std::vector<char> ans;
-            if (fd.valid()) {
-                const std::string req = FrameRequest("0000ready", 4);
-                if (send(fd.get(), req.data(), req.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(req.size()) &&
-                    kit::ReadFramed(fd.get(), kit::Framing{}, 6000, &ans, &w))
-                    break;
             }
             kit::SleepMs(300);
         }
@@ -385,7 +372,6 @@ void Soak::FramedClient(int route, const std::string& expectPrefix) {
             std::string why;
             kit::UniqueFd fd(kit::ConnectTo("127.0.0.1", port, 2000, &why));
             if (!fd.valid()) {
-                if (firstError_.empty()) firstError_ = "route " + std::to_string(route) + ": " + why;
                 ++t.reconnects;   // nothing sent
             } else {
                 const std::string req = FrameRequest(body, 4);
