@@ -5,11 +5,12 @@
 #   make test-release  the same built as Release (-O3), where gcc sees more
 #   make bench       build and run the benchmarks
 #   make fuzz        build the fuzz targets with clang and run each briefly
+#   make soak        ten minutes of the example platform under traffic and chaos; writes docs/soak.md
 JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test build-asan test-asan build-release test-release bench fuzz run clean
+.PHONY: all deps build test build-asan test-asan build-release test-release bench fuzz run soak clean
 
 all: build
 
@@ -54,6 +55,10 @@ fuzz:
 
 run: build
 	scripts/run-example.sh $(BUILD)
+
+# SOAK_SECONDS shortens it; the report of the committed run is docs/soak.md.
+soak: deps
+	scripts/soak.sh --build $(BUILD) --seconds $${SOAK_SECONDS:-600} --report docs/soak.md
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-release $(BUILD)-fuzz
