@@ -115,7 +115,7 @@ const char* CallName(IpcCall eCall) {
     return eCall >= 0 && eCall < kIpcCallCount ? kCallNames[eCall] : "?";
 }
 
-bool ArmFaultsFromSpec(const char* pcSpec, std::string* pWhy) {
+bool ArmFaultsFromText(const char* pcText, std::string* pWhy) {
     struct Armed {
         IpcCall call;
         int nth, err, times;
@@ -123,12 +123,12 @@ bool ArmFaultsFromSpec(const char* pcSpec, std::string* pWhy) {
     Armed armed[kIpcCallCount];
     bool seen[kIpcCallCount] = {};
     int count = 0;
-    std::string_view spec = pcSpec != nullptr ? pcSpec : "";
-    for (size_t start = 0; start <= spec.size();) {
-        size_t comma = spec.find(',', start);
+    std::string_view all = pcText != nullptr ? pcText : "";
+    for (size_t start = 0; start <= all.size();) {
+        size_t comma = all.find(',', start);
         std::string_view entry =
-            spec.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
-        start = comma == std::string_view::npos ? spec.size() + 1 : comma + 1;
+            all.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
+        start = comma == std::string_view::npos ? all.size() + 1 : comma + 1;
         if (entry.empty()) continue;
         Armed a{};
         if (!ParseEntry(entry, &a.call, &a.nth, &a.err, &a.times, pWhy)) return false;

@@ -5,7 +5,7 @@
 // outside at the right moment (a full queue, EIDRM, a failed attach, EMFILE
 // on one accept, a reset on one send, a full disk). Whole-process tests arm
 // it through the environment variable COMP_FAULTS, read once at start (see
-// ArmFaultsFromSpec). When nothing is armed the check is one load and one
+// ArmFaultsFromText). When nothing is armed the check is one load and one
 // predictable branch; everything else lives out of line.
 #pragma once
 
@@ -38,7 +38,7 @@ inline IpcFault g_astIpcFault[kIpcCallCount] = {};
 
 // Told of every failure the seam gives, with the kind, the number of the
 // call since arming (1-based) and the errno; the process entry logs it. The
-// hook is not called again while it runs (its own log write).
+// hook's own calls (its log write) pass and are not counted.
 using FaultHook = void (*)(IpcCall eCall, int iCallNo, int iErrno);
 inline FaultHook g_pfFaultHook = nullptr;
 
@@ -73,6 +73,6 @@ const char* CallName(IpcCall eCall);
 // ...) or a number, times as for FailNthCall (default 1, -1 for every call
 // from the nth on). False, with the reason and nothing armed, when the text
 // is not understood.
-bool ArmFaultsFromSpec(const char* pcSpec, std::string* pWhy);
+bool ArmFaultsFromText(const char* pcText, std::string* pWhy);
 
 }  // namespace comp::seam

@@ -87,11 +87,11 @@ void LogFault(comp::seam::IpcCall eCall, int iCallNo, int iErrno) {
 // without the faults it asked for. Calls are counted from here; the line
 // below is written before the seam is armed.
 bool ArmTestFaults(const char* pcProg) {
-    const char* pcSpec = getenv("COMP_FAULTS");
-    if (pcSpec == nullptr || *pcSpec == '\0') return true;
-    COMP_ERRLOG("[%s,%d]COMP_FAULTS=%s: fault seam armed for a test", SRC_NAME, __LINE__, pcSpec);
+    const char* pcText = getenv("COMP_FAULTS");
+    if (pcText == nullptr || *pcText == '\0') return true;
+    COMP_ERRLOG("[%s,%d]COMP_FAULTS=%s: fault seam armed for a test", SRC_NAME, __LINE__, pcText);
     std::string why;
-    if (comp::seam::ArmFaultsFromSpec(pcSpec, &why)) {
+    if (comp::seam::ArmFaultsFromText(pcText, &why)) {
         comp::seam::g_pfFaultHook = LogFault;
         return true;
     }

@@ -57,7 +57,7 @@ TEST_F(Seam, the_hook_hears_each_failure_and_its_own_write_passes_uncounted) {
 
 TEST_F(Seam, comp_faults_text_arms_each_kind_it_names) {
     std::string why;
-    ASSERT_TRUE(seam::ArmFaultsFromSpec("msgsnd:2:EIDRM,accept:1:24:2,fiforead:3:ECONNRESET:-1", &why)) << why;
+    ASSERT_TRUE(seam::ArmFaultsFromText("msgsnd:2:EIDRM,accept:1:24:2,fiforead:3:ECONNRESET:-1", &why)) << why;
     EXPECT_EQ(Pattern(seam::kMsgSnd, 3), ".x.");
     EXPECT_EQ(errno, EIDRM);
     EXPECT_EQ(Pattern(seam::kAccept, 3), "xx.");
@@ -71,7 +71,7 @@ TEST_F(Seam, comp_faults_text_that_is_not_understood_arms_nothing) {
                             "msgsnd:1:ENOTHING", "msgsnd:1:EIO:0", "msgsnd:1:EIO:-2", "msgsnd:1:EIO:1:9",
                             "recv:1:EIO,recv:2:EIO", "send:1:EPIPE,accept:1"}) {
         std::string why;
-        EXPECT_FALSE(seam::ArmFaultsFromSpec(bad, &why)) << bad;
+        EXPECT_FALSE(seam::ArmFaultsFromText(bad, &why)) << bad;
         EXPECT_FALSE(why.empty()) << bad;
         EXPECT_EQ(Pattern(seam::kSend, 1) + Pattern(seam::kRecv, 1) + Pattern(seam::kMsgSnd, 1), "...") << bad;
     }
