@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -152,9 +153,13 @@ std::vector<Cell> ShortCells() {
 }
 std::vector<Cell> GridCells() { return WholeGrid() ? kCells : std::vector<Cell>{}; }
 
+// comp's descriptors, less the log files it holds open only while it writes
+// one entry.
 int CountFds(pid_t p) {
     int n = 0;
-    for ([[maybe_unused]] const auto& e : fs::directory_iterator("/proc/" + std::to_string(p) + "/fd")) ++n;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/proc/" + std::to_string(p) + "/fd", ec))
+        n += fs::read_symlink(e.path(), ec).string().find("/log/") == std::string::npos;
     return n;
 }
 
@@ -284,21 +289,25 @@ protected:
         for (const ConnNode& node : kit::RegistrySnapshot(seg)) n += node.iPid == pid;
         return n;
     }
-    // Waits until comp's descriptors and registry nodes are back at the
-    // counts taken before the fault (connections close a moment after the
+    // Waits until comp's descriptors are no more than before the fault and
+    // its registry nodes as many (connections close a moment after the
     // peer sees the end).
     void ExpectNothingLeaked() {
         int fds = -1, nodes = -1;
         for (const int64_t end = kit::NowMs() + 3000; kit::NowMs() < end; kit::SleepMs(20)) {
             fds = CountFds(pid);
             nodes = RegistryNodes();
-            if (fds == fdsBefore_ && nodes == nodesBefore_) return;
+            if (fds <= fdsBefore_ && nodes == nodesBefore_) return;
         }
-        EXPECT_EQ(fds, fdsBefore_) << "descriptors of comp";
+        EXPECT_LE(fds, fdsBefore_) << "descriptors of comp";
         EXPECT_EQ(nodes, nodesBefore_) << "registry nodes of comp";
     }
+    // The counts once the first exchange has settled; a descriptor the
+    // process holds for a moment (a sanitizer's read of /proc) does not
+    // count, so the lowest of a few looks is taken.
     void Baseline() {
         fdsBefore_ = CountFds(pid);
+        for (int i = 0; i < 10; ++i, kit::SleepMs(20)) fdsBefore_ = std::min(fdsBefore_, CountFds(pid));
         nodesBefore_ = RegistryNodes();
     }
     // The process ended through its clean-up: status 0, logged off, and a
