@@ -6,11 +6,12 @@
 #   make bench       build and run the benchmarks
 #   make fuzz        build the fuzz targets with clang and run each briefly
 #   make soak        ten minutes of the example platform under traffic and chaos; writes docs/soak.md
+#   make fault-matrix  run every mode against every fault, write docs/fault-matrix.md
 JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test build-asan test-asan build-release test-release bench fuzz run soak clean
+.PHONY: all deps build test build-asan test-asan build-release test-release bench fuzz fault-matrix run soak clean
 
 all: build
 
@@ -52,6 +53,9 @@ fuzz:
 	  -DCOMP_FUZZ=ON -DCOMP_TESTS=OFF -DCOMP_BENCH=OFF >/dev/null
 	cmake --build $(BUILD)-fuzz -j $(JOBS)
 	scripts/fuzz.sh $(BUILD)-fuzz $${FUZZ_SECONDS:-20}
+
+fault-matrix: build
+	scripts/fault-matrix.sh $(BUILD)
 
 run: build
 	scripts/run-example.sh $(BUILD)

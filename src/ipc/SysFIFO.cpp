@@ -22,6 +22,7 @@
 
 #include "base/FdUtil.h"
 #include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
 
@@ -255,7 +256,7 @@ int iCheckPipe(const char* pcFileName) {
 int iWriteFIFO(int iFd) {
     for (;;) {
         errno = 0;
-        if (write(iFd, &kWakeByte, 1) > 0) return 0;
+        if (!comp::seam::IpcCallFails(comp::seam::kFifoWrite) && write(iFd, &kWakeByte, 1) > 0) return 0;
         if (errno == EINTR) continue;
         COMP_ERRLOG("[%s,%d,%s]errno=%d,[%s].", SRC_NAME, __LINE__, __func__, errno, std::strerror(errno));
         return -1;
@@ -263,7 +264,7 @@ int iWriteFIFO(int iFd) {
 }
 
 int iWriteStr2FIFO(int iFd, const char* pcByte) {
-    if (pcByte == nullptr || write(iFd, pcByte, 1) < 1) {
+    if (pcByte == nullptr || comp::seam::IpcCallFails(comp::seam::kFifoWrite) || write(iFd, pcByte, 1) < 1) {
         COMP_ERRLOG("[%s,%d,%s]write() error,fatail error.", SRC_NAME, __LINE__, __func__);
         return -1;
     }
@@ -271,7 +272,7 @@ int iWriteStr2FIFO(int iFd, const char* pcByte) {
 }
 
 int iReadFIFO2Buf(int iFd, char* pcByte) {
-    if (pcByte == nullptr || read(iFd, pcByte, 1) < 1) {
+    if (pcByte == nullptr || comp::seam::IpcCallFails(comp::seam::kFifoRead) || read(iFd, pcByte, 1) < 1) {
         COMP_ERRLOG("[%s,%d,%s]read() error,fatail error.", SRC_NAME, __LINE__, __func__);
         return -1;
     }
@@ -282,7 +283,7 @@ int iReadFIFO(int iFd) {
     char cByte;
     for (;;) {
         errno = 0;
-        if (read(iFd, &cByte, 1) > 0) return 0;
+        if (!comp::seam::IpcCallFails(comp::seam::kFifoRead) && read(iFd, &cByte, 1) > 0) return 0;
         if (errno == EINTR) continue;
         COMP_ERRLOG("[%s,%d,%s]read() error,errno=%d,[%s].", SRC_NAME, __LINE__, __func__, errno,
                     std::strerror(errno));

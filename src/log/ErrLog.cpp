@@ -17,6 +17,7 @@
 #include <string>
 
 #include "base/FdUtil.h"
+#include "base/SysIpcSeam.h"
 #include "log/LogFormat.h"
 #include "log/LogRepeats.h"
 
@@ -97,7 +98,7 @@ void WriteToErrorFile(const std::string& body) {
     }
     off_t sizeBefore = lseek(fd, 0, SEEK_END);
     if (sizeBefore < 0) std::printf("errlog: %s CANNOT JUMP TO END OF FILE !!!\n", name.c_str());
-    comp::WriteAll(fd, body.data(), body.size());
+    if (!comp::seam::IpcCallFails(comp::seam::kLogWrite)) comp::WriteAll(fd, body.data(), body.size());
 
     // The size seen before this append decides, so only the process that
     // finds the file at or past the limit moves it aside.
@@ -172,7 +173,7 @@ int AppendToRunLog(const char* pcFile, const char* pcText) {
     if (lseek(fd, 0, SEEK_END) < 0) return -1;
     std::string out = "\n[System Time:" + comp::log::TimeStamp14() + "]\n";
     out += pcText ? pcText : "";
-    return comp::WriteAll(fd, out.data(), out.size()) ? 0 : -1;
+    return !comp::seam::IpcCallFails(comp::seam::kLogWrite) && comp::WriteAll(fd, out.data(), out.size()) ? 0 : -1;
 }
 
 struct SignalText {

@@ -19,6 +19,7 @@
 
 #include "base/FdUtil.h"
 #include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "log/ErrLog.h"
 #include "log/LogFormat.h"
 #include "log/LogRepeats.h"
@@ -104,7 +105,7 @@ int WriteEntry(int iLevel, const char* pcPath, const void* pvData, int iLen, con
     // never sees half an entry even without taking the lock.
     std::string entry = LevelPrefix(iLevel);
     AppendEntry(entry, iLevel, pcText, pvData, iLen);
-    comp::WriteAll(fd, entry.data(), entry.size());
+    if (!comp::seam::IpcCallFails(comp::seam::kLogWrite)) comp::WriteAll(fd, entry.data(), entry.size());
 
     if (sizeBefore >= Settings().lTraceSizeLimit) {
         std::string bak = std::string(pcPath) + comp::log::TimeStamp14() + ".bak";

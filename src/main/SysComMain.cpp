@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "comp/SysComPub.h"
 #include "config/FileOpApp.h"
 #include "config/SysTable.h"
@@ -71,6 +72,34 @@ void AwaitPath(const char* pcProg, const std::string& path, const char* pcWhat) 
     }
 }
 
+// A fault the seam gave, in the error log: tests read it to know that the
+// call they aimed at failed.
+void LogFault(comp::seam::IpcCall eCall, int iCallNo, int iErrno) {
+    char text[256];
+    std::snprintf(text, sizeof text, "[%s,%d]fault seam: %s call %d failed with errno %d (%s)", SRC_NAME, __LINE__,
+                  comp::seam::CallName(eCall), iCallNo, iErrno, std::strerror(iErrno));
+    ErrLog(1000, text, ERRLOG_FILE, nullptr, 0);
+}
+
+// Test hook: the environment variable COMP_FAULTS arms the fault seam for a
+// whole-process test (base/SysIpcSeam.h gives the format). Unset, nothing
+// happens. A text that is not understood ends the start: a test must not run
+// without the faults it asked for. Calls are counted from here; the line
+// below is written before the seam is armed.
+bool ArmTestFaults(const char* pcProg) {
+    const char* pcText = getenv("COMP_FAULTS");
+    if (pcText == nullptr || *pcText == '\0') return true;
+    COMP_ERRLOG("[%s,%d]COMP_FAULTS=%s: fault seam armed for a test", SRC_NAME, __LINE__, pcText);
+    std::string why;
+    if (comp::seam::ArmFaultsFromText(pcText, &why)) {
+        comp::seam::g_pfFaultHook = LogFault;
+        return true;
+    }
+    COMP_ERRLOG("[%s,%d]COMP_FAULTS not understood: %s", SRC_NAME, __LINE__, why.c_str());
+    std::fprintf(stderr, "%s: COMP_FAULTS not understood: %s\n", pcProg, why.c_str());
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,6 +135,7 @@ int main(int argc, char** argv) {
     std::snprintf(caPath, sizeof caPath, "%s/log/com_%s", pcRunDir, argv[5]);
     SysSetLog(caPath);
     if (const char* pcLimit = getenv("TRC_LOGSIZE_SET")) ChgLog('3', pcLimit);
+    if (!ArmTestFaults(argv[0])) return -1;
 
     if (SysComInit() != 0) {
         COMP_ERRLOG("[%s,%d]SysComInit error , comp %d exit", SRC_NAME, __LINE__, getpid());

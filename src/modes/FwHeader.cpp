@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "base/SysIpcSeam.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
 #include "util/SysTcpBasi.h"
@@ -104,7 +105,7 @@ int SendUnit(int iFd, const char* pcHeader, const char* pcBody, int iLen, int iW
         msghdr msg{};
         msg.msg_iov = pIov;
         msg.msg_iovlen = static_cast<size_t>(iCount);
-        ssize_t n = sendmsg(iFd, &msg, MSG_NOSIGNAL);
+        ssize_t n = seam::IpcCallFails(seam::kSend) ? -1 : sendmsg(iFd, &msg, MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "base/SysGlobals.h"
+#include "base/SysIpcSeam.h"
 #include "comp/SysComPub.h"
 #include "comp/SysNetFrame.h"
 #include "comp/SysPlatMsg.h"
@@ -490,7 +491,7 @@ void PcServer(Pc& pc, int fd, unsigned) {
     // One receive takes what has come; the messages in it are cut and
     // forwarded in turn, the last one completed from the socket if it was
     // cut short.
-    ssize_t n = recv(fd, pc.in.data(), pc.in.size() / 2, 0);
+    ssize_t n = comp::seam::IpcCallFails(comp::seam::kRecv) ? -1 : recv(fd, pc.in.data(), pc.in.size() / 2, 0);
     pc.inPos = 0;
     pc.inEnd = n > 0 ? static_cast<int>(n) : 0;
     while (PcReceived(pc, fd) && pc.inPos < pc.inEnd && pc.loop->IsConn(fd)) {

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "base/FdUtil.h"
+#include "base/SysIpcSeam.h"
 #include "log/ErrLog.h"
 #include "log/SysTraceLog.h"
 
@@ -94,7 +95,9 @@ int iSockListen(const char* pcIp, int iPort, int iBacklog) {
 int SockAcceptInfoFlags(int iListenFd, char* pcIp, int* piPort, int iFlags) {
     sockaddr_in stPeer{};
     socklen_t iLen = sizeof stPeer;
-    int iFd = accept4(iListenFd, reinterpret_cast<sockaddr*>(&stPeer), &iLen, iFlags);
+    int iFd = comp::seam::IpcCallFails(comp::seam::kAccept)
+                  ? -1
+                  : accept4(iListenFd, reinterpret_cast<sockaddr*>(&stPeer), &iLen, iFlags);
     if (iFd < 0) return -1;
     char caIp[kIpTextLen];
     AddrText(stPeer, caIp);
@@ -107,7 +110,9 @@ extern "C" {
 
 int iSockAccept(int iListenFd) {
     socklen_t iLen = sizeof g_stAcceptPeer;
-    int iFd = accept(iListenFd, reinterpret_cast<sockaddr*>(&g_stAcceptPeer), &iLen);
+    int iFd = comp::seam::IpcCallFails(comp::seam::kAccept)
+                  ? -1
+                  : accept(iListenFd, reinterpret_cast<sockaddr*>(&g_stAcceptPeer), &iLen);
     if (iFd < 0) {
         int iErr = errno;
         writelog(LOG_ERROR, nullptr, 0, "[%s][%d][%s]", "iSockAccept", iErr, std::strerror(iErr));
@@ -170,7 +175,7 @@ int iSockSend(int iSock, const void* pvData, int iLen) {
     // zero bytes ends with -1 after the fourth empty send.
     for (;;) {
         size_t iRest = iLen > iSent ? static_cast<size_t>(iLen - iSent) : 0;
-        ssize_t n = send(iSock, pcData + iSent, iRest, MSG_NOSIGNAL);
+        ssize_t n = comp::seam::IpcCallFails(comp::seam::kSend) ? -1 : send(iSock, pcData + iSent, iRest, MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EINTR) continue;
             return -1;
@@ -189,7 +194,9 @@ int iSockRecv(int iSock, void* pvBuf, int iLen) {
     int iGot = 0;
     int iErrors = 0;
     while (iGot < iLen) {
-        ssize_t n = recv(iSock, pcBuf + iGot, static_cast<size_t>(iLen - iGot), 0);
+        ssize_t n = comp::seam::IpcCallFails(comp::seam::kRecv)
+                        ? -1
+                        : recv(iSock, pcBuf + iGot, static_cast<size_t>(iLen - iGot), 0);
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;

@@ -108,6 +108,10 @@ protected:
     // fails the test when it cannot.
     void DeliverToComp(long type, int fifoKind, const std::string& fifoName, const std::vector<char>& text);
 
+    // Keys of the registry semaphore set and segment in sys.cfg.
+    key_t RegistryLockKey() const { return semKey_; }
+    key_t RegistryKey() const { return registryKey_; }
+
     TempRunDir run;
     IpcKeys keys;
 

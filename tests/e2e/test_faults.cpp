@@ -1,0 +1,463 @@
+// Fault matrix: each fault (a system call failing through COMP_FAULTS, or an
+// event the test causes: a removed semaphore set or FIFO, a killed registry
+// lock holder) hits a mode while it carries traffic. Each cell checks the
+// reaction the mode is meant to have, that the process then serves the next
+// exchange (unless it is meant to quit, then that it quit through its
+// clean-up), and that descriptors and registry nodes are back where they
+// were. The short cells run in every test run; the whole grid runs with
+// COMP_FAULT_MATRIX=1 (scripts/fault-matrix.sh, `make fault-matrix`), which
+// also writes one result line per cell to COMP_FAULT_MATRIX_OUT.
+#include <signal.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ModeFixture.h"
+#include "kit/KitUtil.h"
+#include "kit/Router.h"
+#include "kit/RouteStatus.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using comptest::Frame;
+using comptest::Send;
+
+enum class Mode { kTs, kTc, kPs };
+enum class Fault {
+    kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
+    kAcceptEmfile, kAcceptEnfile, kAcceptAborted, kSendPipe, kSendReset, kLogFull
+};
+// What the mode does about the fault.
+enum class Reaction { kQuit, kClose, kDrop, kServeOn, kRefuse, kStartFails, kNa };
+
+const char* ModeName(Mode m) {
+    switch (m) {
+        case Mode::kTs: return "TS";
+        case Mode::kTc: return "TC";
+        case Mode::kPs: return "PS";
+    }
+    return "?";
+}
+const char* FaultName(Fault f) {
+    constexpr const char* kNames[] = {
+        "msgsnd EAGAIN (queue full)", "msgsnd EIDRM (queue removed)", "msgrcv EIDRM", "shmat ENOMEM",
+        "registry semaphore set removed", "registry lock holder killed", "notification FIFO removed",
+        "accept EMFILE", "accept ENFILE", "accept ECONNABORTED", "send EPIPE", "send ECONNRESET",
+        "log write ENOSPC (disk full)"};
+    return kNames[static_cast<int>(f)];
+}
+const char* ReactionText(Reaction r) {
+    switch (r) {
+        case Reaction::kQuit: return "quits through its clean-up";
+        case Reaction::kClose: return "closes that connection, serves on";
+        case Reaction::kDrop: return "drops that message, serves on";
+        case Reaction::kServeOn: return "logs, serves on";
+        case Reaction::kRefuse: return "refuses each connection, stays up";
+        case Reaction::kStartFails: return "ends at start, before its logon";
+        case Reaction::kNa: return "n/a";
+    }
+    return "?";
+}
+
+// One cell: the fault as COMP_FAULTS gives it (empty for events the test
+// causes), the reaction and the log text that shows it, or why it does not
+// apply. The call numbers count from the start of the process and land on
+// the second exchange after start (the first one opens what the process
+// keeps, so leaks are counted from after it).
+struct Cell {
+    Mode mode;
+    Fault fault;
+    const char* faults;
+    Reaction expect;
+    const char* line;
+};
+
+constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
+
+// clang-format off
+const std::vector<Cell> kCells = {
+    // TS: request to TranP (msgsnd 2 and 3), answer read (msgrcv), answer sent (send).
+    {Mode::kTs, Fault::kMsgSndFull,      "msgsnd:3:EAGAIN",    Reaction::kQuit,    "SysWriteQueue error.errno=11"},
+    {Mode::kTs, Fault::kMsgSndRemoved,   "msgsnd:3:EIDRM",     Reaction::kQuit,    "SysWriteQueue error.errno=43"},
+    {Mode::kTs, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysResponseWork,errno="},
+    {Mode::kTs, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kTs, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "cannot be taken"},
+    {Mode::kTs, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kTs, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kTs, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "no descriptor for a new connection.errno=24"},
+    {Mode::kTs, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "no descriptor for a new connection.errno=23"},
+    {Mode::kTs, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kTs, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error [32]"},
+    {Mode::kTs, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error [104]"},
+    {Mode::kTs, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // TC: request read (msgrcv), sent to the server (send), answer to TranP (msgsnd 2 and 3).
+    {Mode::kTc, Fault::kMsgSndFull,      "msgsnd:3:EAGAIN",    Reaction::kDrop,    "SysWriteQueue error.errno=11"},
+    {Mode::kTc, Fault::kMsgSndRemoved,   "msgsnd:3:EIDRM",     Reaction::kDrop,    "SysWriteQueue error.errno=43"},
+    {Mode::kTc, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysTmpClientReq"},
+    {Mode::kTc, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kTc, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kTc, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kTc, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kTc, Fault::kAcceptEmfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kTc, Fault::kAcceptEnfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kTc, Fault::kAcceptAborted,   nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kTc, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error [32]"},
+    {Mode::kTc, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error [104]"},
+    {Mode::kTc, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PS: code 9 to Commonp (msgsnd 2 and 3), TranP's message read (msgrcv) and sent (send).
+    {Mode::kPs, Fault::kMsgSndFull,      "msgsnd:3:EAGAIN",    Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kPs, Fault::kMsgSndRemoved,   "msgsnd:3:EIDRM",     Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kPs, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysSendMsg,errno="},
+    {Mode::kPs, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPs, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "PS keeps no registry entries"},
+    {Mode::kPs, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "PS keeps no registry entries"},
+    {Mode::kPs, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPs, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kPs, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kPs, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kPs, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error [32]"},
+    {Mode::kPs, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error [104]"},
+    {Mode::kPs, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+};
+// clang-format on
+
+// gtest prints a parameter with its test's name.
+void PrintTo(const Cell& cell, std::ostream* os) { *os << ModeName(cell.mode) << ", " << FaultName(cell.fault); }
+
+bool WholeGrid() {
+    const char* v = std::getenv("COMP_FAULT_MATRIX");
+    return v != nullptr && *v == '1';
+}
+std::vector<Cell> Pick(std::initializer_list<std::pair<Mode, Fault>> which) {
+    std::vector<Cell> out;
+    for (auto [m, f] : which)
+        for (const Cell& c : kCells)
+            if (c.mode == m && c.fault == f) out.push_back(c);
+    return out;
+}
+// One mode per fault, the kinds whose reactions differ most.
+std::vector<Cell> ShortCells() {
+    if (WholeGrid()) return {};
+    return Pick({{Mode::kTs, Fault::kMsgSndRemoved}, {Mode::kTc, Fault::kMsgSndFull},
+                 {Mode::kTs, Fault::kSemHolderKilled}, {Mode::kPs, Fault::kAcceptEmfile},
+                 {Mode::kPs, Fault::kSendReset}});
+}
+std::vector<Cell> GridCells() { return WholeGrid() ? kCells : std::vector<Cell>{}; }
+
+// comp's descriptors, less the log files it holds open only while it writes
+// one entry.
+int CountFds(pid_t p) {
+    int n = 0;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/proc/" + std::to_string(p) + "/fd", ec))
+        n += fs::read_symlink(e.path(), ec).string().find("/log/") == std::string::npos;
+    return n;
+}
+
+class FaultCell : public comptest::ModeTest, public ::testing::WithParamInterface<Cell> {
+protected:
+    void TearDown() override {
+        if (holder_ > 0) {
+            kill(holder_, SIGKILL);
+            waitpid(holder_, nullptr, 0);
+        }
+        comptest::ModeTest::TearDown();
+        Record();
+    }
+
+    // ---- the modes' traffic ----------------------------------------------------
+
+    void Start(const Cell& cell) {
+        if (cell.faults != nullptr && cell.faults[0] != '\0') compEnv.push_back(std::string("COMP_FAULTS=") + cell.faults);
+        switch (cell.mode) {
+            case Mode::kTs:
+                port_ = comptest::FreeLoopbackPort();
+                StartMode("SysTCPTS", comptest::MakeRouteRow(kTsRoute, "127.0.0.1:" + std::to_string(port_), "0"), {},
+                          "Begin Working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+            case Mode::kTc:
+                server_ = comptest::Listen(&port_);
+                StartMode("SysTCPTC", comptest::MakeRouteRow(kTcRoute, "127.0.0.1:" + std::to_string(port_), "1"), {},
+                          "Begin Working");
+                notify_ = "2_20_1";
+                break;
+            case Mode::kPs:
+                OpenSharedListener();
+                StartMode("SysTCPPS", comptest::MakeRouteRow(kPsRoute, "", "0"), {}, "][SysTCPPS]");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+        }
+    }
+
+    // What one exchange came to.
+    struct Round {
+        bool reachedTranp = false;   // the request (TS) or answer (TC) came to queue 7
+        bool delivered = false;      // the peer got what was meant for it
+        bool peerClosed = false;     // comp closed the peer's connection
+        explicit operator bool() const { return delivered; }
+    };
+    // One whole exchange of the mode; time-outs short enough for a failed one.
+    Round Exchange(Mode m, const std::string& body) {
+        switch (m) {
+            case Mode::kTs: return TsExchange(body);
+            case Mode::kTc: return TcExchange(body);
+            case Mode::kPs: return PsExchange(body);
+        }
+        return {};
+    }
+    Round TsExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd s = comptest::Connect(port_);
+        if (!Send(s.get(), Frame(body))) return r;
+        const int len = ReadToTranp(buf.get(), pid, 3000);
+        r.reachedTranp = len >= comp::kPlatHdrLen;
+        if (r.reachedTranp) {
+            std::vector<char> text;
+            const std::string reply = Frame("re:" + body);
+            EXPECT_TRUE(kit::BuildAnswer(kit::AnswerForm::kTsPeerIpAt24, buf->caText, reply.data(),
+                                         static_cast<int>(reply.size()), &text));
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), text);
+        }
+        const std::string got = comptest::ReadUntilClose(s.get(), 3000, &r.peerClosed);
+        r.delivered = got == Frame("re:" + body);
+        return r;
+    }
+    Round TcExchange(const std::string& body) {
+        Round r;
+        const comptest::PlatHdr h{static_cast<uint16_t>(64 + body.size() + 4), 0, 0, 4242, 0, 0, 0, 9, 0, {}, {}, 0, {}};
+        const std::string text = h.bytes() + Frame(body);
+        DeliverToComp(kTcRoute, comp::kFifoRouteNotify, "20_1", {text.begin(), text.end()});
+        comp::UniqueFd conn = comptest::Accept(server_.get(), 3000);
+        if (!conn.valid()) return r;
+        if (comptest::ReadFrame(conn.get(), 1000) == Frame(body)) Send(conn.get(), Frame("re:" + body));
+        const int len = ReadToTranp(buf.get(), pid, 2000);
+        r.reachedTranp = r.delivered =
+            len > comp::kPlatHdrLen && std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) ==
+                                           Frame("re:" + body);
+        comptest::ReadUntilClose(conn.get(), 2000, &r.peerClosed);
+        return r;
+    }
+    // A client taken on "0", then TranP's message for it; the client leaves
+    // after (a PS process ends on the first message a client sends).
+    Round PsExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd cl = comptest::Connect(sharedPort);
+        const int seen = LogCount(",New fd ");
+        Wake(0);
+        if (ReadCommonp(buf.get(), comp::kCommonpAccepted, 3000) <= 0) return r;
+        // A failed accept leaves the client waiting for the next command.
+        for (int tries = 0; tries < 20 && !AwaitLog(",New fd ", seen + 1, 300); ++tries) {
+            if (WaitComp(c, 0) != -1) return r;
+            Wake(0);
+            ReadCommonp(buf.get(), comp::kCommonpAccepted, 1000);
+        }
+        const std::string log = CompTraceLog(c);
+        const size_t at = log.rfind(",New fd ");
+        if (at == std::string::npos) return r;
+        const int fd = std::atoi(log.c_str() + at + 8);
+        const comptest::PlatHdr h{static_cast<uint16_t>(64 + body.size()), 0, pid, pid, kPsRoute, kPsRoute, fd, fd, 0,
+                                  {}, {}, 'M', {}};
+        const std::string text = h.bytes() + body;
+        DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), {text.begin(), text.end()});
+        std::string got;
+        for (const int64_t end = kit::NowMs() + 2000; got.size() < body.size() && !r.peerClosed && kit::NowMs() < end;)
+            got += comptest::ReadUntilClose(cl.get(), 50, &r.peerClosed);
+        r.delivered = got == body;
+        // comp closes its side on the end of file (unless it already did).
+        const int closes = LogCount("SysTcpRecvMsg error");
+        cl.reset();
+        if (!r.peerClosed) AwaitLog("SysTcpRecvMsg error", closes + 1, 2000);
+        return r;
+    }
+
+    // ---- what stays the same ---------------------------------------------------
+
+    // Registry nodes owned by comp.
+    int RegistryNodes() const {
+        const ShmCfgEntry seg{"REGISTRY", 1, RegistryKey(), comp::kRegistrySegmentMin};
+        int n = 0;
+        for (const ConnNode& node : kit::RegistrySnapshot(seg)) n += node.iPid == pid;
+        return n;
+    }
+    // Waits until comp's descriptors are no more than before the fault and
+    // its registry nodes as many (connections close a moment after the
+    // peer sees the end).
+    void ExpectNothingLeaked() {
+        int fds = -1, nodes = -1;
+        for (const int64_t end = kit::NowMs() + 3000; kit::NowMs() < end; kit::SleepMs(20)) {
+            fds = CountFds(pid);
+            nodes = RegistryNodes();
+            if (fds <= fdsBefore_ && nodes == nodesBefore_) return;
+        }
+        EXPECT_LE(fds, fdsBefore_) << "descriptors of comp";
+        EXPECT_EQ(nodes, nodesBefore_) << "registry nodes of comp";
+    }
+    // The counts once the first exchange has settled; a descriptor the
+    // process holds for a moment (a sanitizer's read of /proc) does not
+    // count, so the lowest of a few looks is taken.
+    void Baseline() {
+        fdsBefore_ = CountFds(pid);
+        for (int i = 0; i < 10; ++i, kit::SleepMs(20)) fdsBefore_ = std::min(fdsBefore_, CountFds(pid));
+        nodesBefore_ = RegistryNodes();
+    }
+    // The process ended through its clean-up: status 0, logged off, and a
+    // notification FIFO of its own ("1_<pid>") removed; a route's FIFO
+    // ("2_<route>_<instance>") is left for the next process of the route.
+    void ExpectCleanQuit() {
+        EXPECT_EQ(WaitComp(c, 5000), 0) << AllLogs();
+        EXPECT_GT(ReadCommonp(buf.get(), comp::kCommonpLogoff, 2000), 0) << "logged off";
+        if (notify_.starts_with("1_")) {
+            EXPECT_FALSE(fs::exists(run.file("fifo/" + notify_))) << "FIFO removed";
+        }
+    }
+
+    // ---- the events the test causes ------------------------------------------
+
+    int RegistryLockSet() const { return semget(RegistryLockKey(), 0, 0); }
+    // A process that takes the registry lock with undo and keeps it until
+    // killed; returns once it holds it.
+    void HoldRegistryLock() {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        holder_ = fork();
+        ASSERT_GE(holder_, 0);
+        if (holder_ == 0) {
+            sembuf take{0, -1, SEM_UNDO};
+            const char ok = semop(RegistryLockSet(), &take, 1) == 0 ? '1' : '0';
+            (void)!write(ready[1], &ok, 1);
+            for (;;) pause();
+        }
+        close(ready[1]);
+        char ok = 0;
+        ASSERT_EQ(read(ready[0], &ok, 1), 1);
+        close(ready[0]);
+        ASSERT_EQ(ok, '1') << "the helper could not take the lock";
+    }
+    void KillHolder() {
+        kill(holder_, SIGKILL);
+        waitpid(holder_, nullptr, 0);
+        holder_ = -1;
+    }
+
+    // ---- the result line of the cell -------------------------------------------
+
+    void Record() {
+        const char* out = std::getenv("COMP_FAULT_MATRIX_OUT");
+        if (out == nullptr) return;
+        const Cell& cell = GetParam();
+        const char* verdict = cell.expect == Reaction::kNa ? "n/a" : HasFailure() ? "NO" : IsSkipped() ? "skipped" : "yes";
+        std::ofstream(out, std::ios::app) << ModeName(cell.mode) << '\t' << FaultName(cell.fault) << '\t'
+                                           << ReactionText(cell.expect) << '\t' << verdict << '\t'
+                                           << (cell.expect == Reaction::kNa ? cell.line : "") << '\n';
+    }
+
+    int port_ = 0;
+    comp::UniqueFd server_;
+    std::string notify_;
+    int fdsBefore_ = 0, nodesBefore_ = 0;
+    pid_t holder_ = -1;
+};
+
+TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
+    const Cell& cell = GetParam();
+    if (cell.expect == Reaction::kNa) GTEST_SKIP() << "n/a: " << cell.line;
+    if (cell.expect == Reaction::kStartFails) {
+        // The process attaches its segments at start and keeps them: a
+        // failed attach can only happen there.
+        awaitReady = false;
+        Start(cell);
+        EXPECT_EQ(WaitComp(c, 5000), 255) << AllLogs();
+        EXPECT_TRUE(AwaitLog(cell.line, 1, 1000)) << AllLogs();
+        EXPECT_EQ(ReadCommonp(buf.get(), comp::kCommonpLogon, 200), 0) << "no logon";
+        return;
+    }
+    Start(cell);
+    // A first exchange opens what the process keeps for the rest of its life
+    // (log files, the registry attachment); leaks are counted from after it.
+    const bool seamFault = cell.faults[0] != '\0';
+    ASSERT_TRUE(Exchange(cell.mode, "warm")) << AllLogs();
+    Baseline();
+
+    switch (cell.fault) {
+        case Fault::kSemRemoved:
+            ASSERT_EQ(semctl(RegistryLockSet(), 0, IPC_RMID), 0);
+            break;
+        case Fault::kFifoRemoved:
+            ASSERT_EQ(unlink(run.file("fifo/" + notify_).c_str()), 0);
+            ASSERT_TRUE(AwaitLog(cell.line, 1, 3000)) << AllLogs();
+            break;
+        case Fault::kSemHolderKilled: {
+            HoldRegistryLock();
+            // The next client waits for the lock; the holder dies holding it.
+            comp::UniqueFd s = comptest::Connect(port_);
+            for (const int64_t end = kit::NowMs() + 3000; semctl(RegistryLockSet(), 0, GETNCNT) < 1;) {
+                ASSERT_LT(kit::NowMs(), end) << "comp never waited for the lock" << AllLogs();
+                kit::SleepMs(5);
+            }
+            KillHolder();
+            break;
+        }
+        default: break;
+    }
+
+    // The exchange the fault lands on; a full disk lasts, and the exchanges
+    // go on until the seam has given its first failure.
+    Round hit = Exchange(cell.mode, "hit");
+    for (int more = 0; cell.fault == Fault::kLogFull && more < 30 && LogCount("fault seam: ") == 0; ++more)
+        hit = Exchange(cell.mode, "hit");
+    if (cell.line[0] != '\0') {
+        EXPECT_TRUE(AwaitLog(cell.line, 1, 3000)) << AllLogs();
+    }
+    if (seamFault) {
+        EXPECT_TRUE(Logged({"fault seam: "})) << "the armed call was reached" << AllLogs();
+    }
+
+    switch (cell.expect) {
+        case Reaction::kQuit:
+            if (cell.mode != Mode::kPs) AllowFatal("fatal");
+            ExpectCleanQuit();
+            return;
+        case Reaction::kClose:
+            EXPECT_FALSE(hit.delivered);
+            EXPECT_TRUE(hit.peerClosed) << "the connection was closed";
+            break;
+        case Reaction::kDrop:
+            EXPECT_FALSE(hit.reachedTranp) << "the message was dropped";
+            break;
+        case Reaction::kRefuse:
+            EXPECT_FALSE(hit.reachedTranp);
+            EXPECT_TRUE(hit.peerClosed);
+            EXPECT_EQ(WaitComp(c, 300), -1) << "still running";
+            return;
+        case Reaction::kServeOn:
+        case Reaction::kStartFails:
+        case Reaction::kNa:
+            break;
+    }
+    EXPECT_TRUE(Exchange(cell.mode, "next")) << "serves the next exchange" << AllLogs();
+    EXPECT_EQ(WaitComp(c, 0), -1) << "still running";
+    ExpectNothingLeaked();
+}
+
+std::string CellName(const ::testing::TestParamInfo<Cell>& info) {
+    std::string name = std::string(ModeName(info.param.mode)) + "_" + FaultName(info.param.fault);
+    for (char& ch : name)
+        if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Short, FaultCell, ::testing::ValuesIn(ShortCells()), CellName);
+INSTANTIATE_TEST_SUITE_P(Grid, FaultCell, ::testing::ValuesIn(GridCells()), CellName);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(FaultCell);
+
+}  // namespace
