@@ -8,6 +8,7 @@
 // COMP_FAULT_MATRIX=1 (scripts/fault-matrix.sh, `make fault-matrix`), which
 // also writes one result line per cell to COMP_FAULT_MATRIX_OUT.
 #include <signal.h>
+#include <sys/msg.h>
 #include <sys/sem.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -38,8 +39,8 @@ using comptest::Send;
 
 enum class Mode {
     kTs, kTc, kPs,
-    // PC, PAS, PCSYN
-    kPc, kPas, kPcsyn,
+    // PC, PAS, PCSYN, PASSYN
+    kPc, kPas, kPcsyn, kPassyn,
 };
 enum class Fault {
     kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
@@ -57,6 +58,7 @@ const char* ModeName(Mode m) {
         case Mode::kPc: return "PC";
         case Mode::kPas: return "PAS";
         case Mode::kPcsyn: return "PCSYN";
+        case Mode::kPassyn: return "PASSYN";
     }
     return "?";
 }
@@ -96,7 +98,7 @@ struct Cell {
 
 constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
 // PC, PAS
-constexpr int kPcRoute = 30, kPasRoute = 40, kPcsynRoute = 50;
+constexpr int kPcRoute = 30, kPasRoute = 40, kPcsynRoute = 50, kPassynRoute = 51;
 
 // clang-format off
 const std::vector<Cell> kCells = {
@@ -187,6 +189,22 @@ const std::vector<Cell> kCells = {
     {Mode::kPcsyn, Fault::kSendPipe,        "send:3:EPIPE",       Reaction::kClose,   "iSockSend error.errno=32"},
     {Mode::kPcsyn, Fault::kSendReset,       "send:3:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
     {Mode::kPcsyn, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PASSYN: a client taken on "0" (code 9, N001, first poll sent), its data
+    // frame to TranP (msgsnd 10), TranP's task read (msgrcv) into the task
+    // queue and read from there (msgrcv) as the answer to the next frame.
+    {Mode::kPassyn, Fault::kMsgSndFull,      "msgsnd:10:EAGAIN",   Reaction::kQuit,    "SysWriteQueue error.errno=11"},
+    {Mode::kPassyn, Fault::kMsgSndRemoved,   "msgsnd:10:EIDRM",    Reaction::kQuit,    "SysWriteQueue error.errno=43"},
+    {Mode::kPassyn, Fault::kMsgRcv,          "msgrcv:4:EIDRM",     Reaction::kQuit,    "Read Task queue error"},
+    {Mode::kPassyn, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPassyn, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "SysRegConnection error"},
+    {Mode::kPassyn, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kPassyn, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPassyn, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kPassyn, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kPassyn, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kPassyn, Fault::kSendPipe,        "send:4:EPIPE",       Reaction::kClose,   "write to net error.errno 32"},
+    {Mode::kPassyn, Fault::kSendReset,       "send:4:ECONNRESET",  Reaction::kClose,   "write to net error.errno 104"},
+    {Mode::kPassyn, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
 };
 // clang-format on
 
@@ -229,6 +247,15 @@ protected:
         if (holder_ > 0) {
             kill(holder_, SIGKILL);
             waitpid(holder_, nullptr, 0);
+        }
+        // PASSYN removes its task queue on its quit path, not on the
+        // fixture's SIGTERM; a queue it could not remove is removed here.
+        if (GetParam().mode == Mode::kPassyn && pid > 0) {
+            if (WaitComp(c, 0) == -1) {
+                Control('x');
+                WaitComp(c, 3000);
+            }
+            if (TaskQueue() >= 0) msgctl(TaskQueue(), IPC_RMID, nullptr);
         }
         comptest::ModeTest::TearDown();
         Record();
@@ -310,6 +337,16 @@ protected:
                 notify_ = "2_50_1";
                 break;
             }
+            // Heartbeats off: tasks go out only as answers.
+            case Mode::kPassyn: {
+                OpenSharedListener();
+                comptest::RouteRow row = comptest::MakeRouteRow(kPassynRoute, "-1", "0");
+                for (const auto& [k, v] : comptest::SynRouteColumns()) row[k] = v;
+                row["BEATSWITCH"] = "0";
+                StartMode("SysTCPPASSYN", row, {}, "Begin Working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+            }
         }
     }
 
@@ -330,6 +367,7 @@ protected:
             case Mode::kPc: return PcExchange(body);
             case Mode::kPas: return PasExchange(body);
             case Mode::kPcsyn: return PcsynExchange(body);
+            case Mode::kPassyn: return PassynExchange(body);
         }
         return {};
     }
@@ -527,6 +565,49 @@ protected:
         return r;
     }
 
+    // PASSYN's task queue (key: its pid + 0x8000).
+    int TaskQueue() const { return msgget(static_cast<key_t>(pid + 0x8000), 0); }
+    int TasksWaiting() const {
+        msqid_ds ds{};
+        return msgctl(TaskQueue(), IPC_STAT, &ds) == 0 ? static_cast<int>(ds.msg_qnum) : -1;
+    }
+    // PASSYN: a client from 127.0.0.2 taken on "0" gets the first poll and
+    // sends a data frame (answered with a poll; it goes to TranP); TranP's
+    // task for it waits in the task queue and is the answer to its next data
+    // frame. The client then leaves.
+    Round PassynExchange(const std::string& body) {
+        Round r;
+        const int ends = LogCount("connection End");
+        comp::UniqueFd cl = comptest::Connect(sharedPort, "127.0.0.2");
+        int one = 1;
+        setsockopt(cl.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // One frame of comp's (false when the client was closed instead).
+        auto expect = [&](const std::string& want) {
+            const std::string got = kit::ReadSyn(cl.get(), 2000);
+            if (got.empty()) r.peerClosed = Closes(cl.get(), 500);
+            return !got.empty() && got == want;
+        };
+        if (!WakeUntilTaken() || !expect(kit::SynBytes(1, 0))) return r;
+        const std::string up = kit::SynBytes(4, 0, "up:" + body);
+        if (!Send(cl.get(), up) || !expect(kit::SynBytes(1, 1))) return r;
+        const int len = NextData(2000);
+        r.reachedTranp = DataBody(len) == up;
+        if (r.reachedTranp) {
+            const int fd = comptest::At<int32_t>(buf->caText, comp::plat::kSock);
+            const std::string task = kit::SynBytes(0, 0, body);
+            comptest::PlatHdr h{static_cast<uint16_t>(64 + task.size()), 0, 4242, 4242, kPassynRoute, kPassynRoute,
+                                fd, fd, 0, "127.0.0.2", {}, 'M', {}};
+            const std::string text = h.bytes() + task;
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), {text.begin(), text.end()});
+            for (const int64_t end = kit::NowMs() + 2000; TasksWaiting() < 1 && kit::NowMs() < end;) kit::SleepMs(5);
+            const std::string more = kit::SynBytes(4, 1, "more");
+            r.delivered = Send(cl.get(), more) && expect(kit::SynBytes(4, 2, body)) && DataBody(NextData(2000)) == more;
+        }
+        cl.reset();
+        AwaitLog("connection End", ends + 1, 2000);
+        return r;
+    }
+
     // ---- what stays the same ---------------------------------------------------
 
     // Registry nodes owned by comp.
@@ -649,9 +730,10 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
         case Fault::kSemHolderKilled: {
             HoldRegistryLock();
             // The next client waits for the lock; the holder dies holding it.
-            // (PAS takes a client only when woken.)
-            comp::UniqueFd s = comptest::Connect(cell.mode == Mode::kPas ? sharedPort : port_);
-            if (cell.mode == Mode::kPas) Wake(0);
+            // (PAS and PASSYN take a client only when woken.)
+            const bool woken = cell.mode == Mode::kPas || cell.mode == Mode::kPassyn;
+            comp::UniqueFd s = comptest::Connect(woken ? sharedPort : port_);
+            if (woken) Wake(0);
             for (const int64_t end = kit::NowMs() + 3000; semctl(RegistryLockSet(), 0, GETNCNT) < 1;) {
                 ASSERT_LT(kit::NowMs(), end) << "comp never waited for the lock" << AllLogs();
                 kit::SleepMs(5);
