@@ -54,7 +54,7 @@ const char* ModeName(Mode m) {
         case Mode::kTs: return "TS";
         case Mode::kTc: return "TC";
         case Mode::kPs: return "PS";
-        // PC, PAS
+        // PC, PAS, PCSYN, PASSYN
         case Mode::kPc: return "PC";
         case Mode::kPas: return "PAS";
         case Mode::kPcsyn: return "PCSYN";
@@ -97,7 +97,7 @@ struct Cell {
 };
 
 constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
-// PC, PAS
+// PC, PAS, PCSYN, PASSYN
 constexpr int kPcRoute = 30, kPasRoute = 40, kPcsynRoute = 50, kPassynRoute = 51;
 
 // clang-format off
@@ -160,7 +160,7 @@ const std::vector<Cell> kCells = {
     {Mode::kPc, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
     {Mode::kPc, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
     // PAS: a client taken on "0" (code 9 to Commonp, N001), its message to
-    // TranP (msgsnd), TranP's answer read (msgrcv) and sent (send).
+    // TranP (msgsnd 8), TranP's answer read (msgrcv) and sent (send).
     {Mode::kPas, Fault::kMsgSndFull,      "msgsnd:8:EAGAIN",    Reaction::kDrop,    "SSysWriteQueueNoWait error.errno=11"},
     {Mode::kPas, Fault::kMsgSndRemoved,   "msgsnd:8:EIDRM",     Reaction::kDrop,    "SSysWriteQueueNoWait error.errno=43"},
     {Mode::kPas, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysReadPlatMsg queue ["},
@@ -270,12 +270,7 @@ protected:
             all += comptest::ReadFile(e.path().string());
         return all;
     }
-    int LogCount(const std::string& text) const {
-        const std::string logs = Logs();
-        int n = 0;
-        for (size_t p = logs.find(text); p != std::string::npos; p = logs.find(text, p + 1)) ++n;
-        return n;
-    }
+    int LogCount(const std::string& text) const { return Occurrences(Logs(), text); }
     bool AwaitLog(const std::string& text, int count = 1, int ms = 5000) const {
         return AwaitCount([&] { return Logs(); }, text, count, ms);
     }
@@ -302,7 +297,7 @@ protected:
                 StartMode("SysTCPPS", comptest::MakeRouteRow(kPsRoute, "", "0"), {}, "][SysTCPPS]");
                 notify_ = "1_" + std::to_string(pid);
                 break;
-            // PC, PAS
+            // PC, PAS, PCSYN, PASSYN
             case Mode::kPc: {
                 server_ = comptest::Listen(&port_);
                 comptest::RouteRow row =
@@ -363,7 +358,7 @@ protected:
             case Mode::kTs: return TsExchange(body);
             case Mode::kTc: return TcExchange(body);
             case Mode::kPs: return PsExchange(body);
-            // PC, PAS
+            // PC, PAS, PCSYN, PASSYN
             case Mode::kPc: return PcExchange(body);
             case Mode::kPas: return PasExchange(body);
             case Mode::kPcsyn: return PcsynExchange(body);
@@ -547,7 +542,8 @@ protected:
         // One request and comp's answer; false (the link forgotten) when the
         // link closed instead.
         auto ask = [&](int cmd, const std::string& data, const std::string& want) {
-            const std::string got = Send(link_.get(), kit::SynBytes(cmd, serial_, data)) ? kit::ReadSyn(link_.get(), 2000) : "";
+            const bool sent = Send(link_.get(), kit::SynBytes(cmd, serial_, data));
+            const std::string got = sent ? kit::ReadSyn(link_.get(), 2000) : "";
             if (got.empty() && Closes(link_.get(), 500)) {
                 r.peerClosed = true;
                 link_.reset();
