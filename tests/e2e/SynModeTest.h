@@ -11,14 +11,16 @@
 
 namespace comptest {
 
+// Route columns of the polled frames: a 5-byte header whose bytes 3-4 give
+// the data length, plus one byte for the end byte.
+inline RouteRow SynRouteColumns() {
+    return {{"HEADERLEN", "5"}, {"MSGLENGETOFFSET", "3"}, {"MSGLENGETLEN", "2"},
+            {"MSGLENGETTYPE", "2"}, {"MSGLENINTEL", "0"}, {"MSGLENADJUST", "1"}};
+}
+
 class SynModeTest : public ModeTest {
 protected:
-    // Route columns of the polled frames: a 5-byte header whose bytes 3-4
-    // give the data length, plus one byte for the end byte.
-    static RouteRow SynColumns() {
-        return {{"HEADERLEN", "5"}, {"MSGLENGETOFFSET", "3"}, {"MSGLENGETLEN", "2"},
-                {"MSGLENGETTYPE", "2"}, {"MSGLENINTEL", "0"}, {"MSGLENADJUST", "1"}};
-    }
+    static RouteRow SynColumns() { return SynRouteColumns(); }
     // The next frame from comp ("" when none came within ms).
     static std::string Frame(int fd, int ms = 3000) { return kit::ReadSyn(fd, ms); }
     // The next message to TranP: "N001 <ip>", "N003 <ip>", or the data body

@@ -8,7 +8,11 @@
 // COMP_FAULT_MATRIX=1 (scripts/fault-matrix.sh, `make fault-matrix`), which
 // also writes one result line per cell to COMP_FAULT_MATRIX_OUT.
 #include <signal.h>
+#include <sys/msg.h>
 #include <sys/sem.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +25,8 @@
 #include <vector>
 
 #include "ModeFixture.h"
+#include "SynModeTest.h"
+#include "kit/SynPeers.h"
 #include "kit/KitUtil.h"
 #include "kit/Router.h"
 #include "kit/RouteStatus.h"
@@ -31,7 +37,11 @@ namespace fs = std::filesystem;
 using comptest::Frame;
 using comptest::Send;
 
-enum class Mode { kTs, kTc, kPs };
+enum class Mode {
+    kTs, kTc, kPs,
+    // PC, PAS, PCSYN, PASSYN
+    kPc, kPas, kPcsyn, kPassyn,
+};
 enum class Fault {
     kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
     kAcceptEmfile, kAcceptEnfile, kAcceptAborted, kSendPipe, kSendReset, kLogFull
@@ -44,6 +54,11 @@ const char* ModeName(Mode m) {
         case Mode::kTs: return "TS";
         case Mode::kTc: return "TC";
         case Mode::kPs: return "PS";
+        // PC, PAS, PCSYN, PASSYN
+        case Mode::kPc: return "PC";
+        case Mode::kPas: return "PAS";
+        case Mode::kPcsyn: return "PCSYN";
+        case Mode::kPassyn: return "PASSYN";
     }
     return "?";
 }
@@ -82,6 +97,8 @@ struct Cell {
 };
 
 constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
+// PC, PAS, PCSYN, PASSYN
+constexpr int kPcRoute = 30, kPasRoute = 40, kPcsynRoute = 50, kPassynRoute = 51;
 
 // clang-format off
 const std::vector<Cell> kCells = {
@@ -127,6 +144,67 @@ const std::vector<Cell> kCells = {
     {Mode::kPs, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error [32]"},
     {Mode::kPs, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error [104]"},
     {Mode::kPs, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PC: TranP's message read (msgrcv) and sent on the kept link (send), the
+    // server's answer to TranP (msgsnd 4, after the logon and the link's N001).
+    {Mode::kPc, Fault::kMsgSndFull,      "msgsnd:4:EAGAIN",    Reaction::kQuit,    "SysWriteMQ error.errno=11"},
+    {Mode::kPc, Fault::kMsgSndRemoved,   "msgsnd:4:EIDRM",     Reaction::kQuit,    "SysWriteMQ error.errno=43"},
+    {Mode::kPc, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysSendMsg error.errno="},
+    {Mode::kPc, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPc, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kPc, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kPc, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPc, Fault::kAcceptEmfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPc, Fault::kAcceptEnfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPc, Fault::kAcceptAborted,   nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPc, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kPc, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kPc, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PAS: a client taken on "0" (code 9 to Commonp, N001), its message to
+    // TranP (msgsnd 8), TranP's answer read (msgrcv) and sent (send).
+    {Mode::kPas, Fault::kMsgSndFull,      "msgsnd:8:EAGAIN",    Reaction::kDrop,    "SSysWriteQueueNoWait error.errno=11"},
+    {Mode::kPas, Fault::kMsgSndRemoved,   "msgsnd:8:EIDRM",     Reaction::kDrop,    "SSysWriteQueueNoWait error.errno=43"},
+    {Mode::kPas, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysReadPlatMsg queue ["},
+    {Mode::kPas, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPas, Fault::kSemRemoved,      "",                   Reaction::kQuit,    "SysCheckIP fatal error"},
+    {Mode::kPas, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kPas, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPas, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kPas, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kPas, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kPas, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error.errno 32"},
+    {Mode::kPas, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno 104"},
+    {Mode::kPas, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PCSYN: the server's poll takes TranP's frame from the queue (msgrcv)
+    // and is answered (send); its data frame goes to TranP (msgsnd 4).
+    {Mode::kPcsyn, Fault::kMsgSndFull,      "msgsnd:4:EAGAIN",    Reaction::kQuit,    "SysWriteMQ error.errno=11"},
+    {Mode::kPcsyn, Fault::kMsgSndRemoved,   "msgsnd:4:EIDRM",     Reaction::kQuit,    "SysWriteMQ error.errno=43"},
+    {Mode::kPcsyn, Fault::kMsgRcv,          "msgrcv:3:EIDRM",     Reaction::kQuit,    "SysGetAndSendTaskMsg error"},
+    {Mode::kPcsyn, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPcsyn, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kPcsyn, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kPcsyn, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPcsyn, Fault::kAcceptEmfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPcsyn, Fault::kAcceptEnfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPcsyn, Fault::kAcceptAborted,   nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kPcsyn, Fault::kSendPipe,        "send:3:EPIPE",       Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kPcsyn, Fault::kSendReset,       "send:3:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kPcsyn, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // PASSYN: a client taken on "0" (code 9, N001, first poll sent), its data
+    // frame to TranP (msgsnd 10), TranP's task read (msgrcv) into the task
+    // queue and read from there (msgrcv) as the answer to the next frame.
+    {Mode::kPassyn, Fault::kMsgSndFull,      "msgsnd:10:EAGAIN",   Reaction::kQuit,    "SysWriteQueue error.errno=11"},
+    {Mode::kPassyn, Fault::kMsgSndRemoved,   "msgsnd:10:EIDRM",    Reaction::kQuit,    "SysWriteQueue error.errno=43"},
+    {Mode::kPassyn, Fault::kMsgRcv,          "msgrcv:4:EIDRM",     Reaction::kQuit,    "Read Task queue error"},
+    {Mode::kPassyn, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kPassyn, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "SysRegConnection error"},
+    {Mode::kPassyn, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kPassyn, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kPassyn, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kPassyn, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kPassyn, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kPassyn, Fault::kSendPipe,        "send:4:EPIPE",       Reaction::kClose,   "write to net error.errno 32"},
+    {Mode::kPassyn, Fault::kSendReset,       "send:4:ECONNRESET",  Reaction::kClose,   "write to net error.errno 104"},
+    {Mode::kPassyn, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
 };
 // clang-format on
 
@@ -170,8 +248,31 @@ protected:
             kill(holder_, SIGKILL);
             waitpid(holder_, nullptr, 0);
         }
+        // PASSYN removes its task queue on its quit path, not on the
+        // fixture's SIGTERM; a queue it could not remove is removed here.
+        if (GetParam().mode == Mode::kPassyn && pid > 0) {
+            if (WaitComp(c, 0) == -1) {
+                Control('x');
+                WaitComp(c, 3000);
+            }
+            if (TaskQueue() >= 0) msgctl(TaskQueue(), IPC_RMID, nullptr);
+        }
         comptest::ModeTest::TearDown();
         Record();
+    }
+
+    // The process's logs with the connection logs (PAS writes a connection's
+    // failures there); hides the fixture's versions that read the logs only.
+    std::string Logs() const {
+        std::string all = AllLogs();
+        std::error_code ec;
+        for (const auto& e : fs::directory_iterator(run.file("runs/log"), ec))
+            all += comptest::ReadFile(e.path().string());
+        return all;
+    }
+    int LogCount(const std::string& text) const { return Occurrences(Logs(), text); }
+    bool AwaitLog(const std::string& text, int count = 1, int ms = 5000) const {
+        return AwaitCount([&] { return Logs(); }, text, count, ms);
     }
 
     // ---- the modes' traffic ----------------------------------------------------
@@ -196,6 +297,51 @@ protected:
                 StartMode("SysTCPPS", comptest::MakeRouteRow(kPsRoute, "", "0"), {}, "][SysTCPPS]");
                 notify_ = "1_" + std::to_string(pid);
                 break;
+            // PC, PAS, PCSYN, PASSYN
+            case Mode::kPc: {
+                server_ = comptest::Listen(&port_);
+                comptest::RouteRow row =
+                    comptest::MakeRouteRow(kPcRoute, "127.0.0.1:" + std::to_string(port_), "1");
+                row["RECONNINTERVAL"] = "1";
+                row["BEATSWITCH"] = "0";
+                StartMode("SysTCPPC", row, {}, "Begin Working");
+                notify_ = "2_30_1";
+                break;
+            }
+            case Mode::kPas: {
+                OpenSharedListener();
+                comptest::RouteRow row =
+                    comptest::MakeRouteRow(kPasRoute, "127.0.0.1:" + std::to_string(sharedPort), "0");
+                row["BEATSWITCH"] = "0";
+                StartMode("SysTCPPAS", row, {}, "TCPPAS working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+            }
+            // PCSYN waits 25 s before its first connect and 5 s between
+            // attempts: it runs on a clock fifty times as fast.
+            case Mode::kPcsyn: {
+                const std::vector<std::string> fast = FastClock(50);
+                if (fast.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
+                compEnv.insert(compEnv.end(), fast.begin(), fast.end());
+                server_ = comptest::Listen(&port_);
+                comptest::RouteRow row =
+                    comptest::MakeRouteRow(kPcsynRoute, "127.0.0.1:" + std::to_string(port_), "1");
+                for (const auto& [k, v] : comptest::SynRouteColumns()) row[k] = v;
+                row["IDLETIMEOUT"] = "3000";
+                StartMode("SysTCPPCSYN", row, {}, "Begin Working");
+                notify_ = "2_50_1";
+                break;
+            }
+            // Heartbeats off: tasks go out only as answers.
+            case Mode::kPassyn: {
+                OpenSharedListener();
+                comptest::RouteRow row = comptest::MakeRouteRow(kPassynRoute, "-1", "0");
+                for (const auto& [k, v] : comptest::SynRouteColumns()) row[k] = v;
+                row["BEATSWITCH"] = "0";
+                StartMode("SysTCPPASSYN", row, {}, "Begin Working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+            }
         }
     }
 
@@ -212,6 +358,11 @@ protected:
             case Mode::kTs: return TsExchange(body);
             case Mode::kTc: return TcExchange(body);
             case Mode::kPs: return PsExchange(body);
+            // PC, PAS, PCSYN, PASSYN
+            case Mode::kPc: return PcExchange(body);
+            case Mode::kPas: return PasExchange(body);
+            case Mode::kPcsyn: return PcsynExchange(body);
+            case Mode::kPassyn: return PassynExchange(body);
         }
         return {};
     }
@@ -247,6 +398,40 @@ protected:
         comptest::ReadUntilClose(conn.get(), 2000, &r.peerClosed);
         return r;
     }
+    // Clients waiting on the shared listener to be taken (the accept queue's
+    // length, which Linux gives for a listening socket as tcpi_unacked).
+    int Waiting() const {
+        tcp_info info{};
+        socklen_t len = sizeof info;
+        return getsockopt(sharedListener.get(), IPPROTO_TCP, TCP_INFO, &info, &len) == 0 ? info.tcpi_unacked : -1;
+    }
+    // Wakes the process on the shared listener until it took the waiting
+    // client: a failed accept leaves the client waiting for the next command.
+    // Told by the listener, not the logs (they may be failing). False when
+    // the client was not taken (or the process ended).
+    bool WakeUntilTaken() {
+        for (int tries = 0; tries < 20; ++tries) {
+            Wake(0);
+            if (ReadCommonp(buf.get(), comp::kCommonpAccepted, tries == 0 ? 3000 : 1000) <= 0) return false;
+            for (const int64_t end = kit::NowMs() + 300; Waiting() != 0 && kit::NowMs() < end;) kit::SleepMs(5);
+            if (Waiting() == 0) return true;
+            if (WaitComp(c, 0) != -1) return false;
+        }
+        return false;
+    }
+    // The next data message for TranP (notifications passed over); its
+    // length, 0 when none came within ms.
+    int NextData(int ms) {
+        for (const int64_t end = kit::NowMs() + ms;;) {
+            const int64_t left = end - kit::NowMs();
+            const int len = left > 0 ? ReadToTranp(buf.get(), pid, static_cast<int>(left)) : 0;
+            if (len < comp::kPlatHdrLen) return 0;
+            if (comptest::At<uint16_t>(buf->caText, comp::plat::kKind) != comp::plat::kKindNotice) return len;
+        }
+    }
+    std::string DataBody(int len) const {
+        return len > comp::kPlatHdrLen ? std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) : "";
+    }
     // A client taken on "0", then TranP's message for it; the client leaves
     // after (a PS process ends on the first message a client sends).
     Round PsExchange(const std::string& body) {
@@ -277,6 +462,145 @@ protected:
         const int closes = LogCount("SysTcpRecvMsg error");
         cl.reset();
         if (!r.peerClosed) AwaitLog("SysTcpRecvMsg error", closes + 1, 2000);
+        return r;
+    }
+
+    // Whether the peer of fd has closed, leaving what it sent unread.
+    static bool PeerLeft(int fd) {
+        char ch;
+        const ssize_t n = recv(fd, &ch, 1, MSG_PEEK | MSG_DONTWAIT);
+        return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    // PC: TranP's message goes out on the link comp keeps, the server answers
+    // on it. A lost link is made again (on the next message, or after the
+    // reconnect interval of 1 s), so a closed one ends the exchange.
+    Round PcExchange(const std::string& body) {
+        Round r;
+        const comptest::PlatHdr h{static_cast<uint16_t>(64 + body.size() + 4), 0, 0, 4242, 0, kPcRoute, 0, 9, 0,
+                                  {}, {}, 0, {}};
+        const std::string text = h.bytes() + Frame(body);
+        DeliverToComp(kPcRoute, comp::kFifoRouteNotify, "30_1", {text.begin(), text.end()});
+        std::string got;
+        for (const int64_t end = kit::NowMs() + 3000; got.empty() && kit::NowMs() < end;) {
+            if (!link_.valid()) {
+                link_ = comptest::Accept(server_.get(), 100);
+                continue;
+            }
+            got = comptest::ReadFrame(link_.get(), 100);
+            if (got.empty() && PeerLeft(link_.get())) {
+                r.peerClosed = true;
+                link_.reset();
+                return r;
+            }
+        }
+        if (got != Frame(body)) return r;
+        Send(link_.get(), Frame("re:" + body));
+        r.reachedTranp = r.delivered = DataBody(NextData(2000)) == Frame("re:" + body);
+        return r;
+    }
+    // PAS: a client from 127.0.0.2 taken on "0" sends a message, TranP
+    // answers it by descriptor; the client then leaves and the exchange ends
+    // once comp has closed its side.
+    Round PasExchange(const std::string& body) {
+        Round r;
+        const int ends = LogCount("connection End");
+        comp::UniqueFd cl = comptest::Connect(sharedPort, "127.0.0.2");
+        if (!WakeUntilTaken()) return r;
+        Send(cl.get(), Frame("ask:" + body));
+        const int len = NextData(2000);
+        r.reachedTranp = DataBody(len) == Frame("ask:" + body);
+        if (r.reachedTranp) {
+            const int fd = comptest::At<int32_t>(buf->caText, comp::plat::kSock);
+            const std::string answer = Frame("re:" + body);
+            comptest::PlatHdr h{static_cast<uint16_t>(64 + answer.size()), 0, 7, 7, kPasRoute, kPasRoute, fd, fd, 0,
+                                "127.0.0.2", {}, 'M', {}};
+            const std::string text = h.bytes() + answer;
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), {text.begin(), text.end()});
+            r.delivered = comptest::ReadFrame(cl.get(), 2000) == answer;
+        }
+        if (!r.delivered) r.peerClosed = Closes(cl.get(), 500);
+        cl.reset();
+        AwaitLog("connection End", ends + 1, 2000);
+        return r;
+    }
+
+    // PCSYN: TranP queues a frame, the server's poll takes it; the server's
+    // data frame (answered like a poll) goes to TranP. Serials count the
+    // answered requests of a link from 0; a closed link is made again after
+    // the reconnect interval.
+    Round PcsynExchange(const std::string& body) {
+        Round r;
+        if (!link_.valid()) {
+            link_ = comptest::Accept(server_.get(), 3000);
+            serial_ = 0;
+            if (!link_.valid()) return r;
+        }
+        const std::string frame = kit::SynBytes(0, 0, body);
+        const comptest::PlatHdr h{static_cast<uint16_t>(64 + frame.size()), 0, 0, 4242, 0, 0, 0, 9, 0, {}, {}, 0, {}};
+        const std::string text = h.bytes() + frame;
+        DeliverToComp(kPcsynRoute, comp::kFifoRouteNotify, "50_1", {text.begin(), text.end()});
+        // One request and comp's answer; false (the link forgotten) when the
+        // link closed instead.
+        auto ask = [&](int cmd, const std::string& data, const std::string& want) {
+            const bool sent = Send(link_.get(), kit::SynBytes(cmd, serial_, data));
+            const std::string got = sent ? kit::ReadSyn(link_.get(), 2000) : "";
+            if (got.empty() && Closes(link_.get(), 500)) {
+                r.peerClosed = true;
+                link_.reset();
+                return false;
+            }
+            ++serial_;
+            return got == want;
+        };
+        const bool polled = ask(1, "", kit::SynBytes(4, serial_, body));
+        if (!link_.valid()) return r;
+        const std::string up = kit::SynBytes(4, serial_, "up:" + body);
+        if (!ask(4, "up:" + body, kit::SynBytes(2, serial_, ""))) return r;
+        r.reachedTranp = DataBody(NextData(2000)) == up;
+        r.delivered = polled && r.reachedTranp;
+        return r;
+    }
+
+    // PASSYN's task queue (key: its pid + 0x8000).
+    int TaskQueue() const { return msgget(static_cast<key_t>(pid + 0x8000), 0); }
+    int TasksWaiting() const {
+        msqid_ds ds{};
+        return msgctl(TaskQueue(), IPC_STAT, &ds) == 0 ? static_cast<int>(ds.msg_qnum) : -1;
+    }
+    // PASSYN: a client from 127.0.0.2 taken on "0" gets the first poll and
+    // sends a data frame (answered with a poll; it goes to TranP); TranP's
+    // task for it waits in the task queue and is the answer to its next data
+    // frame. The client then leaves.
+    Round PassynExchange(const std::string& body) {
+        Round r;
+        const int ends = LogCount("connection End");
+        comp::UniqueFd cl = comptest::Connect(sharedPort, "127.0.0.2");
+        int one = 1;
+        setsockopt(cl.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // One frame of comp's (false when the client was closed instead).
+        auto expect = [&](const std::string& want) {
+            const std::string got = kit::ReadSyn(cl.get(), 2000);
+            if (got.empty()) r.peerClosed = Closes(cl.get(), 500);
+            return !got.empty() && got == want;
+        };
+        if (!WakeUntilTaken() || !expect(kit::SynBytes(1, 0))) return r;
+        const std::string up = kit::SynBytes(4, 0, "up:" + body);
+        if (!Send(cl.get(), up) || !expect(kit::SynBytes(1, 1))) return r;
+        const int len = NextData(2000);
+        r.reachedTranp = DataBody(len) == up;
+        if (r.reachedTranp) {
+            const int fd = comptest::At<int32_t>(buf->caText, comp::plat::kSock);
+            const std::string task = kit::SynBytes(0, 0, body);
+            comptest::PlatHdr h{static_cast<uint16_t>(64 + task.size()), 0, 4242, 4242, kPassynRoute, kPassynRoute,
+                                fd, fd, 0, "127.0.0.2", {}, 'M', {}};
+            const std::string text = h.bytes() + task;
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), {text.begin(), text.end()});
+            for (const int64_t end = kit::NowMs() + 2000; TasksWaiting() < 1 && kit::NowMs() < end;) kit::SleepMs(5);
+            const std::string more = kit::SynBytes(4, 1, "more");
+            r.delivered = Send(cl.get(), more) && expect(kit::SynBytes(4, 2, body)) && DataBody(NextData(2000)) == more;
+        }
+        cl.reset();
+        AwaitLog("connection End", ends + 1, 2000);
         return r;
     }
 
@@ -362,7 +686,8 @@ protected:
     }
 
     int port_ = 0;
-    comp::UniqueFd server_;
+    comp::UniqueFd server_, link_;
+    int serial_ = 0;   // PCSYN: the serial of the link's next request
     std::string notify_;
     int fdsBefore_ = 0, nodesBefore_ = 0;
     pid_t holder_ = -1;
@@ -376,12 +701,14 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
         // failed attach can only happen there.
         awaitReady = false;
         Start(cell);
+        if (IsSkipped()) return;
         EXPECT_EQ(WaitComp(c, 5000), 255) << AllLogs();
         EXPECT_TRUE(AwaitLog(cell.line, 1, 1000)) << AllLogs();
         EXPECT_EQ(ReadCommonp(buf.get(), comp::kCommonpLogon, 200), 0) << "no logon";
         return;
     }
     Start(cell);
+    if (IsSkipped()) return;
     // A first exchange opens what the process keeps for the rest of its life
     // (log files, the registry attachment); leaks are counted from after it.
     const bool seamFault = cell.faults[0] != '\0';
@@ -399,7 +726,10 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
         case Fault::kSemHolderKilled: {
             HoldRegistryLock();
             // The next client waits for the lock; the holder dies holding it.
-            comp::UniqueFd s = comptest::Connect(port_);
+            // (PAS and PASSYN take a client only when woken.)
+            const bool woken = cell.mode == Mode::kPas || cell.mode == Mode::kPassyn;
+            comp::UniqueFd s = comptest::Connect(woken ? sharedPort : port_);
+            if (woken) Wake(0);
             for (const int64_t end = kit::NowMs() + 3000; semctl(RegistryLockSet(), 0, GETNCNT) < 1;) {
                 ASSERT_LT(kit::NowMs(), end) << "comp never waited for the lock" << AllLogs();
                 kit::SleepMs(5);

@@ -89,10 +89,11 @@ protected:
         }
     }
     // How often `text` occurs in the logs now.
-    int LogCount(const std::string& text) const {
-        const std::string logs = AllLogs();
+    int LogCount(const std::string& text) const { return Occurrences(AllLogs(), text); }
+    // How often `text` occurs in `s`.
+    static int Occurrences(const std::string& s, const std::string& text) {
         int n = 0;
-        for (size_t p = logs.find(text); p != std::string::npos; p = logs.find(text, p + 1)) ++n;
+        for (size_t p = s.find(text); p != std::string::npos; p = s.find(text, p + 1)) ++n;
         return n;
     }
     // Whether `text` occurs at least `count` times in the logs within ms.
@@ -103,12 +104,7 @@ protected:
     // within ms.
     static bool AwaitCount(const std::function<std::string()>& read, const std::string& text, int count,
                            int ms = 3000) {
-        auto n = [&] {
-            const std::string s = read();
-            int k = 0;
-            for (size_t p = s.find(text); p != std::string::npos; p = s.find(text, p + 1)) ++k;
-            return k;
-        };
+        auto n = [&] { return Occurrences(read(), text); };
         for (const int64_t end = kit::NowMs() + ms; n() < count && kit::NowMs() < end;) kit::SleepMs(5);
         return n() >= count;
     }
