@@ -17,9 +17,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "FwLinkPeer.h"
 #include "ModeFixture.h"
 #include "kit/KitUtil.h"
 #include "kit/Router.h"
@@ -30,8 +32,13 @@ namespace {
 namespace fs = std::filesystem;
 using comptest::Frame;
 using comptest::Send;
+namespace fw = comp::fw;
 
-enum class Mode { kTs, kTc, kPs };
+enum class Mode {
+    kTs, kTc, kPs,
+    // the forwarder pair
+    kFwb, kFws,
+};
 enum class Fault {
     kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
     kAcceptEmfile, kAcceptEnfile, kAcceptAborted, kSendPipe, kSendReset, kLogFull
@@ -44,6 +51,9 @@ const char* ModeName(Mode m) {
         case Mode::kTs: return "TS";
         case Mode::kTc: return "TC";
         case Mode::kPs: return "PS";
+        // the forwarder pair
+        case Mode::kFwb: return "FWB";
+        case Mode::kFws: return "FWS";
     }
     return "?";
 }
@@ -82,6 +92,7 @@ struct Cell {
 };
 
 constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
+constexpr int kFwbRoute = 60, kFwsRoute = 61;
 
 // clang-format off
 const std::vector<Cell> kCells = {
@@ -127,6 +138,36 @@ const std::vector<Cell> kCells = {
     {Mode::kPs, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error [32]"},
     {Mode::kPs, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error [104]"},
     {Mode::kPs, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // the forwarder pair
+    // FWB: code 9 to Commonp (msgsnd 2 and 3), the client's answer sent (send).
+    {Mode::kFwb, Fault::kMsgSndFull,      "msgsnd:3:EAGAIN",    Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kFwb, Fault::kMsgSndRemoved,   "msgsnd:3:EIDRM",     Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kFwb, Fault::kMsgRcv,          nullptr,              Reaction::kNa,      "FWB reads no queue: answers come over its link"},
+    {Mode::kFwb, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kFwb, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "cannot be taken"},
+    {Mode::kFwb, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kFwb, Fault::kFifoRemoved,     nullptr,              Reaction::kNa,      "FWB has no notification FIFO"},
+    {Mode::kFwb, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kFwb, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kFwb, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kFwb, Fault::kSendPipe,        "send:7:EPIPE",       Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kFwb, Fault::kSendReset,       "send:7:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kFwb, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // FWS: code 9, N001, the client's message to TranP (msgsnd 6 to 8),
+    // TranP's answer read (msgrcv) and sent on the link (send).
+    {Mode::kFws, Fault::kMsgSndFull,      "msgsnd:8:EAGAIN",    Reaction::kQuit,    "SysWriteQueue error.errno=11"},
+    {Mode::kFws, Fault::kMsgSndRemoved,   "msgsnd:8:EIDRM",     Reaction::kQuit,    "SysWriteQueue error.errno=43"},
+    {Mode::kFws, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysReadPlatMsg queue"},
+    {Mode::kFws, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kFws, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "cannot be taken"},
+    {Mode::kFws, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kFws, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kFws, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kFws, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kFws, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kFws, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error.errno 32"},
+    {Mode::kFws, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno 104"},
+    {Mode::kFws, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
 };
 // clang-format on
 
@@ -196,6 +237,25 @@ protected:
                 StartMode("SysTCPPS", comptest::MakeRouteRow(kPsRoute, "", "0"), {}, "][SysTCPPS]");
                 notify_ = "1_" + std::to_string(pid);
                 break;
+            // the forwarder pair
+            case Mode::kFwb: {
+                server_ = comptest::Listen(&port_);
+                OpenSharedListener();
+                appVars = {{"FTPSERVER", "ftp.example.internal"}, {"FTPUSER", "user"}, {"FTPPWD", "pw"}};
+                comptest::RouteRow row =
+                    comptest::MakeRouteRow(kFwbRoute, "127.0.0.1:" + std::to_string(sharedPort), "0");
+                row["IPPORTUPPER"] = "127.0.0.1:" + std::to_string(port_);
+                StartMode("SysTCPFWB", row, {}, "Begin Working");
+                link_ = comptest::Accept(server_.get(), 5000);
+                break;
+            }
+            case Mode::kFws:
+                OpenSharedListener();
+                StartMode("SysTCPFWS",
+                          comptest::MakeRouteRow(kFwsRoute, "127.0.0.1:" + std::to_string(sharedPort), "0"), {},
+                          "Begin Working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
         }
     }
 
@@ -212,6 +272,9 @@ protected:
             case Mode::kTs: return TsExchange(body);
             case Mode::kTc: return TcExchange(body);
             case Mode::kPs: return PsExchange(body);
+            // the forwarder pair
+            case Mode::kFwb: return FwbExchange(body);
+            case Mode::kFws: return FwsExchange(body);
         }
         return {};
     }
@@ -252,15 +315,7 @@ protected:
     Round PsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
-        const int seen = LogCount(",New fd ");
-        Wake(0);
-        if (ReadCommonp(buf.get(), comp::kCommonpAccepted, 3000) <= 0) return r;
-        // A failed accept leaves the client waiting for the next command.
-        for (int tries = 0; tries < 20 && !AwaitLog(",New fd ", seen + 1, 300); ++tries) {
-            if (WaitComp(c, 0) != -1) return r;
-            Wake(0);
-            ReadCommonp(buf.get(), comp::kCommonpAccepted, 1000);
-        }
+        if (!TakeOnCommand([&] { return LogCount(",New fd "); })) return r;
         const std::string log = CompTraceLog(c);
         const size_t at = log.rfind(",New fd ");
         if (at == std::string::npos) return r;
@@ -277,6 +332,83 @@ protected:
         const int closes = LogCount("SysTcpRecvMsg error");
         cl.reset();
         if (!r.peerClosed) AwaitLog("SysTcpRecvMsg error", closes + 1, 2000);
+        return r;
+    }
+
+    // A client of the shared listener taken on "0": wakes the mode until
+    // `taken` counts one more (a failed accept leaves the client waiting for
+    // the next command); false when it never does, or the process ended.
+    bool TakeOnCommand(const std::function<int()>& taken) {
+        kit::SleepMs(20);  // the last exchange's connection is closed a moment after its peer heard of it
+        const int seen = taken();
+        for (int tries = 0; tries < 20; ++tries) {
+            if (WaitComp(c, 0) != -1) return false;
+            Wake(0);
+            if (ReadCommonp(buf.get(), comp::kCommonpAccepted, tries == 0 ? 3000 : 1000) <= 0 && tries == 0)
+                return false;
+            for (const int64_t end = kit::NowMs() + 300; kit::NowMs() < end; kit::SleepMs(10))
+                if (taken() > seen) return true;
+        }
+        return false;
+    }
+    // The error log and the connection logs together.
+    std::string Logs() const { return AllLogs() + fwtest::ConnLogs(run.file("runs/log")); }
+    // Grows by one with a connection taken, or refused for want of the
+    // registry (a descriptor is counted, not a log line: the disk may be full).
+    int TakenOrRefused() const { return CountFds(pid) + LogCount("SysRegConnection error"); }
+
+    // the forwarder pair
+    // A client taken on "0" and announced on the link, its message to the
+    // server (the test), the server's answer back to it; the client leaves.
+    Round FwbExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd cl = comptest::Connect(sharedPort);
+        const int port = comptest::LocalPort(cl.get());
+        if (!TakeOnCommand([&] { return TakenOrRefused(); })) return r;
+        auto unitFor = [&](char kind) {
+            for (const int64_t end = kit::NowMs() + 2000; kit::NowMs() < end;) {
+                fwtest::LinkUnit u = fwtest::ReadUnit(link_.get(), fw::Reader::kServer, 500);
+                if (u && u.hdr.kind == kind && u.hdr.port == port) return u;
+            }
+            return fwtest::LinkUnit{};
+        };
+        if (unitFor(fw::kConnect) && Send(cl.get(), Frame(body))) {
+            r.reachedTranp = unitFor(fw::kData).msg == Frame(body);
+            if (r.reachedTranp) Send(link_.get(), fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body)));
+            r.delivered = fwtest::ReadMessage(cl.get(), 2000) == Frame("re:" + body);
+        }
+        if (!r.delivered) comptest::ReadUntilClose(cl.get(), 1000, &r.peerClosed);
+        cl.reset();
+        unitFor(fw::kDisconnect);
+        return r;
+    }
+    // A forwarder link taken on "0", a client announced on it, the client's
+    // message to TranP, TranP's answer back on the link; the link leaves.
+    Round FwsExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd link = comptest::Connect(sharedPort);
+        if (!TakeOnCommand([&] { return TakenOrRefused(); })) return r;
+        const int port = 4000 + ++fwsClients_;
+        const int kind = comp::plat::kKind;
+        if (Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
+            Send(link.get(), fwtest::UnitBytes(fw::kData, "10.0.0.7", port, Frame(body)))) {
+            // The N001 comes first; the message after it.
+            for (int len; !r.reachedTranp && (len = ReadToTranp(buf.get(), pid, 2000)) >= comp::kPlatHdrLen;)
+                r.reachedTranp = comptest::At<uint16_t>(buf->caText, kind) != comp::plat::kKindNotice &&
+                                 std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) == Frame(body);
+        }
+        if (r.reachedTranp) {
+            std::vector<char> text;
+            const std::string reply = Frame("re:" + body);
+            EXPECT_TRUE(kit::BuildAnswer(kit::AnswerForm::kByPid, buf->caText, reply.data(),
+                                         static_cast<int>(reply.size()), &text));
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), text);
+            r.delivered = fwtest::ReadUnit(link.get(), fw::Reader::kForwarder, 2000).msg == reply;
+        }
+        if (!r.delivered) comptest::ReadUntilClose(link.get(), 1000, &r.peerClosed);
+        // The link's end tells TranP the client is gone.
+        link.reset();
+        if (r.reachedTranp) ReadToTranp(buf.get(), pid, 2000);
         return r;
     }
 
@@ -362,7 +494,8 @@ protected:
     }
 
     int port_ = 0;
-    comp::UniqueFd server_;
+    comp::UniqueFd server_, link_;
+    int fwsClients_ = 0;
     std::string notify_;
     int fdsBefore_ = 0, nodesBefore_ = 0;
     pid_t holder_ = -1;
@@ -399,7 +532,8 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
         case Fault::kSemHolderKilled: {
             HoldRegistryLock();
             // The next client waits for the lock; the holder dies holding it.
-            comp::UniqueFd s = comptest::Connect(port_);
+            comp::UniqueFd s = comptest::Connect(cell.mode == Mode::kTs ? port_ : sharedPort);
+            if (cell.mode != Mode::kTs) Wake(0);
             for (const int64_t end = kit::NowMs() + 3000; semctl(RegistryLockSet(), 0, GETNCNT) < 1;) {
                 ASSERT_LT(kit::NowMs(), end) << "comp never waited for the lock" << AllLogs();
                 kit::SleepMs(5);
@@ -416,7 +550,7 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
     for (int more = 0; cell.fault == Fault::kLogFull && more < 30 && LogCount("fault seam: ") == 0; ++more)
         hit = Exchange(cell.mode, "hit");
     if (cell.line[0] != '\0') {
-        EXPECT_TRUE(AwaitLog(cell.line, 1, 3000)) << AllLogs();
+        EXPECT_TRUE(AwaitCount([&] { return Logs(); }, cell.line, 1, 3000)) << Logs();
     }
     if (seamFault) {
         EXPECT_TRUE(Logged({"fault seam: "})) << "the armed call was reached" << AllLogs();
