@@ -23,6 +23,7 @@
 
 #include "FwLinkPeer.h"
 #include "ModeFixture.h"
+#include "StationTest.h"
 #include "kit/KitUtil.h"
 #include "kit/Router.h"
 #include "kit/RouteStatus.h"
@@ -31,13 +32,14 @@ namespace {
 
 namespace fs = std::filesystem;
 using comptest::Frame;
-using comptest::Send;
 namespace fw = comp::fw;
 
 enum class Mode {
     kTs, kTc, kPs,
     // the forwarder pair
     kFwb, kFws,
+    // the station link
+    kVantrel,
 };
 enum class Fault {
     kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
@@ -54,6 +56,8 @@ const char* ModeName(Mode m) {
         // the forwarder pair
         case Mode::kFwb: return "FWB";
         case Mode::kFws: return "FWS";
+        // the station link
+        case Mode::kVantrel: return "VANTREL";
     }
     return "?";
 }
@@ -168,6 +172,22 @@ const std::vector<Cell> kCells = {
     {Mode::kFws, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error.errno 32"},
     {Mode::kFws, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno 104"},
     {Mode::kFws, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // the station link
+    // VANTREL: the peer's frame to TranP (msgsnd), TranP's frame read
+    // (msgrcv) and sent to the peer (send).
+    {Mode::kVantrel, Fault::kMsgSndFull,      "msgsnd:10:EAGAIN",   Reaction::kDrop,    "SysWriteMQ error.errno=11"},
+    {Mode::kVantrel, Fault::kMsgSndRemoved,   "msgsnd:10:EIDRM",    Reaction::kDrop,    "SysWriteMQ error.errno=43"},
+    {Mode::kVantrel, Fault::kMsgRcv,          "msgrcv:5:EIDRM",     Reaction::kQuit,    "SysSaveMsg error"},
+    {Mode::kVantrel, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kVantrel, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kVantrel, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kVantrel, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kVantrel, Fault::kAcceptEmfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kAcceptEnfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kAcceptAborted,   nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kSendPipe,        "send:11:EPIPE",      Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kVantrel, Fault::kSendReset,       "send:11:ECONNRESET", Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kVantrel, Fault::kLogFull,         "logwrite:60:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
 };
 // clang-format on
 
@@ -204,14 +224,14 @@ int CountFds(pid_t p) {
     return n;
 }
 
-class FaultCell : public comptest::ModeTest, public ::testing::WithParamInterface<Cell> {
+class FaultCell : public comptest::StationTest, public ::testing::WithParamInterface<Cell> {
 protected:
     void TearDown() override {
         if (holder_ > 0) {
             kill(holder_, SIGKILL);
             waitpid(holder_, nullptr, 0);
         }
-        comptest::ModeTest::TearDown();
+        comptest::StationTest::TearDown();
         Record();
     }
 
@@ -256,6 +276,12 @@ protected:
                           "Begin Working");
                 notify_ = "1_" + std::to_string(pid);
                 break;
+            // the station link
+            case Mode::kVantrel:
+                StartStation();
+                if (awaitReady) LinkUp();
+                notify_ = "1_" + std::to_string(pid);
+                break;
         }
     }
 
@@ -275,13 +301,15 @@ protected:
             // the forwarder pair
             case Mode::kFwb: return FwbExchange(body);
             case Mode::kFws: return FwsExchange(body);
+            // the station link
+            case Mode::kVantrel: return VtExchange(body);
         }
         return {};
     }
     Round TsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd s = comptest::Connect(port_);
-        if (!Send(s.get(), Frame(body))) return r;
+        if (!comptest::Send(s.get(), Frame(body))) return r;
         const int len = ReadToTranp(buf.get(), pid, 3000);
         r.reachedTranp = len >= comp::kPlatHdrLen;
         if (r.reachedTranp) {
@@ -302,7 +330,7 @@ protected:
         DeliverToComp(kTcRoute, comp::kFifoRouteNotify, "20_1", {text.begin(), text.end()});
         comp::UniqueFd conn = comptest::Accept(server_.get(), 3000);
         if (!conn.valid()) return r;
-        if (comptest::ReadFrame(conn.get(), 1000) == Frame(body)) Send(conn.get(), Frame("re:" + body));
+        if (comptest::ReadFrame(conn.get(), 1000) == Frame(body)) comptest::Send(conn.get(), Frame("re:" + body));
         const int len = ReadToTranp(buf.get(), pid, 2000);
         r.reachedTranp = r.delivered =
             len > comp::kPlatHdrLen && std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) ==
@@ -372,9 +400,9 @@ protected:
             }
             return fwtest::LinkUnit{};
         };
-        if (unitFor(fw::kConnect) && Send(cl.get(), Frame(body))) {
+        if (unitFor(fw::kConnect) && comptest::Send(cl.get(), Frame(body))) {
             r.reachedTranp = unitFor(fw::kData).msg == Frame(body);
-            if (r.reachedTranp) Send(link_.get(), fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body)));
+            if (r.reachedTranp) comptest::Send(link_.get(), fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body)));
             r.delivered = fwtest::ReadMessage(cl.get(), 2000) == Frame("re:" + body);
         }
         if (!r.delivered) comptest::ReadUntilClose(cl.get(), 1000, &r.peerClosed);
@@ -390,8 +418,8 @@ protected:
         if (!TakeOnCommand([&] { return TakenOrRefused(); })) return r;
         const int port = 4000 + ++fwsClients_;
         const int kind = comp::plat::kKind;
-        if (Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
-            Send(link.get(), fwtest::UnitBytes(fw::kData, "10.0.0.7", port, Frame(body)))) {
+        if (comptest::Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
+            comptest::Send(link.get(), fwtest::UnitBytes(fw::kData, "10.0.0.7", port, Frame(body)))) {
             // The N001 comes first; the message after it.
             for (int len; !r.reachedTranp && (len = ReadToTranp(buf.get(), pid, 2000)) >= comp::kPlatHdrLen;)
                 r.reachedTranp = comptest::At<uint16_t>(buf->caText, kind) != comp::plat::kKindNotice &&
@@ -409,6 +437,42 @@ protected:
         // The link's end tells TranP the client is gone.
         link.reset();
         if (r.reachedTranp) ReadToTranp(buf.get(), pid, 2000);
+        return r;
+    }
+
+    // the station link
+    // The peer's frame to TranP, then TranP's frame to the peer and the
+    // peer's ACK of it, which comes to TranP as an N005. A connection comp
+    // closed is told to TranP (N003); comp then connects again and the next
+    // exchange runs the connection sequence first.
+    Round VtExchange(const std::string& body) {
+        Round r;
+        if (stationLost_) {
+            TakeConnection();
+            LinkUp();
+            if (HasFatalFailure()) return r;
+            stationLost_ = false;
+        }
+        const Bytes in = kit::station::Trade(body, Serial());
+        Send(in);
+        Read(2000);   // its acknowledgement
+        r.reachedTranp = Next(2000).Frame() == in;
+        const std::string reply = "re:" + body;
+        const Bytes out = SendTrade(reply);
+        if (!out.empty() && std::string(out.begin(), out.end()).find(reply) != std::string::npos) {
+            Send(kit::station::Ack(kit::station::IdentityOf(out).data(), false, Serial()));
+            r.delivered = Next(2000).Is("N005");
+        }
+        if (!r.delivered) {
+            comptest::ReadUntilClose(peer.get(), 1000, &r.peerClosed);
+            if (r.peerClosed) {
+                stationLost_ = true;
+                const comptest::StationOut told = Next(2000);
+                if (WaitComp(c, 0) == -1) {
+                    EXPECT_TRUE(told.Is("N003")) << AllLogs();
+                }
+            }
+        }
         return r;
     }
 
@@ -496,6 +560,7 @@ protected:
     int port_ = 0;
     comp::UniqueFd server_, link_;
     int fwsClients_ = 0;
+    bool stationLost_ = false;
     std::string notify_;
     int fdsBefore_ = 0, nodesBefore_ = 0;
     pid_t holder_ = -1;
