@@ -33,7 +33,7 @@ doc=docs/fault-matrix.md
   echo "|---|---|---|---|---|"
   awk -F'\t' '{ printf "| %s | %s | %s | %s | %s |\n", $1, $2, $3, $4, $5 }' "$out"
   echo
-  echo "Not in the grid yet: PAS, PCSYN, PASSYN, PC, FWB, FWS and the station link."
+  echo "Not in the grid yet: PAS, PCSYN, PASSYN and PC."
   echo "Pool blocks are not counted: the message pool is private to the process."
 } > "$doc"
 echo "wrote $doc ($(wc -l < "$out") cells, ${took} s)"

@@ -33,7 +33,7 @@ protected:
     static constexpr int kRoute = 70;
 
     // comp on a station route whose peer is this test's listener; the
-    // connection it makes is taken.
+    // connection it makes is taken (when its start is awaited).
     void StartStation(RouteRow overrides = {}) {
         listener = Listen(&port);
         ASSERT_TRUE(listener.valid());
@@ -127,7 +127,8 @@ protected:
         FromTranp(kit::station::ParamAnswer());
         Bytes answer = Read();
         ASSERT_EQ(kit::station::CodeOf(answer), "04005401");
-        EXPECT_EQ(kit::station::AckedIdentity(answer), kit::station::IdentityOf(start)) << "the answer carries the 0400520C's identity";
+        EXPECT_EQ(kit::station::AckedIdentity(answer), kit::station::IdentityOf(start))
+            << "the answer carries the 0400520C's identity";
         Send(kit::station::Ack(kit::station::IdentityOf(answer).data(), false, Serial()));
         Bytes endParams = kit::station::Control(0x550E, Serial());
         Send(endParams);

@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -287,7 +286,8 @@ protected:
 
     // What one exchange came to.
     struct Round {
-        bool reachedTranp = false;   // the request (TS) or answer (TC) came to queue 7
+        bool reachedTranp = false;   // the request (TS) or answer (TC) came to queue 7, or
+                                     // the client's message to the far end of the link (FWB)
         bool delivered = false;      // the peer got what was meant for it
         bool peerClosed = false;     // comp closed the peer's connection
         explicit operator bool() const { return delivered; }
@@ -343,7 +343,7 @@ protected:
     Round PsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
-        if (!TakeOnCommand([&] { return LogCount(",New fd "); })) return r;
+        if (!TakeOnCommand()) return r;
         const std::string log = CompTraceLog(c);
         const size_t at = log.rfind(",New fd ");
         if (at == std::string::npos) return r;
@@ -363,26 +363,26 @@ protected:
         return r;
     }
 
-    // A client of the shared listener taken on "0": wakes the mode until
-    // `taken` counts one more (a failed accept leaves the client waiting for
-    // the next command); false when it never does, or the process ended.
-    bool TakeOnCommand(const std::function<int()>& taken) {
+    // A client of the shared listener taken on "0": wakes the mode until it
+    // holds one more connection, or refused one for want of the registry (a
+    // failed accept leaves the client waiting for the next command); false
+    // when it never does, or the process ended. Descriptors are counted, not
+    // log lines: the disk may be full.
+    bool TakeOnCommand() {
         kit::SleepMs(20);  // the last exchange's connection is closed a moment after its peer heard of it
-        const int seen = taken();
+        const int seen = TakenOrRefused();
         for (int tries = 0; tries < 20; ++tries) {
             if (WaitComp(c, 0) != -1) return false;
             Wake(0);
             if (ReadCommonp(buf.get(), comp::kCommonpAccepted, tries == 0 ? 3000 : 1000) <= 0 && tries == 0)
                 return false;
             for (const int64_t end = kit::NowMs() + 300; kit::NowMs() < end; kit::SleepMs(10))
-                if (taken() > seen) return true;
+                if (TakenOrRefused() > seen) return true;
         }
         return false;
     }
     // The error log and the connection logs together.
     std::string Logs() const { return AllLogs() + fwtest::ConnLogs(run.file("runs/log")); }
-    // Grows by one with a connection taken, or refused for want of the
-    // registry (a descriptor is counted, not a log line: the disk may be full).
     int TakenOrRefused() const { return CountFds(pid) + LogCount("SysRegConnection error"); }
 
     // the forwarder pair
@@ -392,7 +392,7 @@ protected:
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
         const int port = comptest::LocalPort(cl.get());
-        if (!TakeOnCommand([&] { return TakenOrRefused(); })) return r;
+        if (!TakeOnCommand()) return r;
         auto unitFor = [&](char kind) {
             for (const int64_t end = kit::NowMs() + 2000; kit::NowMs() < end;) {
                 fwtest::LinkUnit u = fwtest::ReadUnit(link_.get(), fw::Reader::kServer, 500);
@@ -402,7 +402,8 @@ protected:
         };
         if (unitFor(fw::kConnect) && comptest::Send(cl.get(), Frame(body))) {
             r.reachedTranp = unitFor(fw::kData).msg == Frame(body);
-            if (r.reachedTranp) comptest::Send(link_.get(), fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body)));
+            const std::string answer = fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body));
+            if (r.reachedTranp) comptest::Send(link_.get(), answer);
             r.delivered = fwtest::ReadMessage(cl.get(), 2000) == Frame("re:" + body);
         }
         if (!r.delivered) comptest::ReadUntilClose(cl.get(), 1000, &r.peerClosed);
@@ -415,7 +416,7 @@ protected:
     Round FwsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd link = comptest::Connect(sharedPort);
-        if (!TakeOnCommand([&] { return TakenOrRefused(); })) return r;
+        if (!TakeOnCommand()) return r;
         const int port = 4000 + ++fwsClients_;
         const int kind = comp::plat::kKind;
         if (comptest::Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
