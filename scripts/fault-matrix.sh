@@ -33,7 +33,6 @@ doc=docs/fault-matrix.md
   echo "|---|---|---|---|---|"
   awk -F'\t' '{ printf "| %s | %s | %s | %s | %s |\n", $1, $2, $3, $4, $5 }' "$out"
   echo
-  echo "Not in the grid yet: FWB, FWS and the station link."
   echo "Pool blocks are not counted: the message pool is private to the process."
 } > "$doc"
 echo "wrote $doc ($(wc -l < "$out") cells, ${took} s)"

@@ -24,9 +24,11 @@
 #include <string>
 #include <vector>
 
+#include "FwLinkPeer.h"
 #include "ModeFixture.h"
 #include "SynModeTest.h"
 #include "kit/SynPeers.h"
+#include "StationTest.h"
 #include "kit/KitUtil.h"
 #include "kit/Router.h"
 #include "kit/RouteStatus.h"
@@ -35,12 +37,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using comptest::Frame;
-using comptest::Send;
+namespace fw = comp::fw;
 
 enum class Mode {
     kTs, kTc, kPs,
     // PC, PAS, PCSYN, PASSYN
     kPc, kPas, kPcsyn, kPassyn,
+    // the forwarder pair
+    kFwb, kFws,
+    // the station link
+    kVantrel,
 };
 enum class Fault {
     kMsgSndFull, kMsgSndRemoved, kMsgRcv, kShmAt, kSemRemoved, kSemHolderKilled, kFifoRemoved,
@@ -59,6 +65,11 @@ const char* ModeName(Mode m) {
         case Mode::kPas: return "PAS";
         case Mode::kPcsyn: return "PCSYN";
         case Mode::kPassyn: return "PASSYN";
+        // the forwarder pair
+        case Mode::kFwb: return "FWB";
+        case Mode::kFws: return "FWS";
+        // the station link
+        case Mode::kVantrel: return "VANTREL";
     }
     return "?";
 }
@@ -99,6 +110,7 @@ struct Cell {
 constexpr int kTsRoute = 10, kTcRoute = 20, kPsRoute = 31;
 // PC, PAS, PCSYN, PASSYN
 constexpr int kPcRoute = 30, kPasRoute = 40, kPcsynRoute = 50, kPassynRoute = 51;
+constexpr int kFwbRoute = 60, kFwsRoute = 61;
 
 // clang-format off
 const std::vector<Cell> kCells = {
@@ -205,6 +217,52 @@ const std::vector<Cell> kCells = {
     {Mode::kPassyn, Fault::kSendPipe,        "send:4:EPIPE",       Reaction::kClose,   "write to net error.errno 32"},
     {Mode::kPassyn, Fault::kSendReset,       "send:4:ECONNRESET",  Reaction::kClose,   "write to net error.errno 104"},
     {Mode::kPassyn, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // the forwarder pair
+    // FWB: code 9 to Commonp (msgsnd 2 and 3), the client's answer sent (send).
+    {Mode::kFwb, Fault::kMsgSndFull,      "msgsnd:3:EAGAIN",    Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kFwb, Fault::kMsgSndRemoved,   "msgsnd:3:EIDRM",     Reaction::kQuit,    "SysTellCommonp error"},
+    {Mode::kFwb, Fault::kMsgRcv,          nullptr,              Reaction::kNa,      "FWB reads no queue: answers come over its link"},
+    {Mode::kFwb, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kFwb, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "cannot be taken"},
+    {Mode::kFwb, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kFwb, Fault::kFifoRemoved,     nullptr,              Reaction::kNa,      "FWB has no notification FIFO"},
+    {Mode::kFwb, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kFwb, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kFwb, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kFwb, Fault::kSendPipe,        "send:7:EPIPE",       Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kFwb, Fault::kSendReset,       "send:7:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kFwb, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // FWS: code 9, N001, the client's message to TranP (msgsnd 6 to 8),
+    // TranP's answer read (msgrcv) and sent on the link (send).
+    {Mode::kFws, Fault::kMsgSndFull,      "msgsnd:8:EAGAIN",    Reaction::kQuit,    "SysWriteQueue error.errno=11"},
+    {Mode::kFws, Fault::kMsgSndRemoved,   "msgsnd:8:EIDRM",     Reaction::kQuit,    "SysWriteQueue error.errno=43"},
+    {Mode::kFws, Fault::kMsgRcv,          "msgrcv:2:EIDRM",     Reaction::kQuit,    "SysReadPlatMsg queue"},
+    {Mode::kFws, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kFws, Fault::kSemRemoved,      "",                   Reaction::kRefuse,  "cannot be taken"},
+    {Mode::kFws, Fault::kSemHolderKilled, "",                   Reaction::kServeOn, ""},
+    {Mode::kFws, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kFws, Fault::kAcceptEmfile,    "accept:2:EMFILE",    Reaction::kServeOn, "iSockAccept error.errno=24"},
+    {Mode::kFws, Fault::kAcceptEnfile,    "accept:2:ENFILE",    Reaction::kServeOn, "iSockAccept error.errno=23"},
+    {Mode::kFws, Fault::kAcceptAborted,   "accept:2:ECONNABORTED", Reaction::kServeOn, "iSockAccept error.errno=103"},
+    {Mode::kFws, Fault::kSendPipe,        "send:2:EPIPE",       Reaction::kClose,   "iSockSend error.errno 32"},
+    {Mode::kFws, Fault::kSendReset,       "send:2:ECONNRESET",  Reaction::kClose,   "iSockSend error.errno 104"},
+    {Mode::kFws, Fault::kLogFull,         "logwrite:30:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
+    // the station link
+    // VANTREL: the peer's frame to TranP (msgsnd), TranP's frame read
+    // (msgrcv) and sent to the peer (send).
+    {Mode::kVantrel, Fault::kMsgSndFull,      "msgsnd:10:EAGAIN",   Reaction::kDrop,    "SysWriteMQ error.errno=11"},
+    {Mode::kVantrel, Fault::kMsgSndRemoved,   "msgsnd:10:EIDRM",    Reaction::kDrop,    "SysWriteMQ error.errno=43"},
+    {Mode::kVantrel, Fault::kMsgRcv,          "msgrcv:5:EIDRM",     Reaction::kQuit,    "SysSaveMsg error"},
+    {Mode::kVantrel, Fault::kShmAt,           "shmat:1:ENOMEM",     Reaction::kStartFails, "SysComInit error"},
+    {Mode::kVantrel, Fault::kSemRemoved,      nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kVantrel, Fault::kSemHolderKilled, nullptr,              Reaction::kNa,      "a client mode keeps no registry entries"},
+    {Mode::kVantrel, Fault::kFifoRemoved,     "",                   Reaction::kServeOn, "was removed; made it again"},
+    {Mode::kVantrel, Fault::kAcceptEmfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kAcceptEnfile,    nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kAcceptAborted,   nullptr,              Reaction::kNa,      "a client mode has no listener"},
+    {Mode::kVantrel, Fault::kSendPipe,        "send:11:EPIPE",      Reaction::kClose,   "iSockSend error.errno=32"},
+    {Mode::kVantrel, Fault::kSendReset,       "send:11:ECONNRESET", Reaction::kClose,   "iSockSend error.errno=104"},
+    {Mode::kVantrel, Fault::kLogFull,         "logwrite:60:ENOSPC:-1", Reaction::kServeOn, "fault seam: logwrite"},
 };
 // clang-format on
 
@@ -241,7 +299,7 @@ int CountFds(pid_t p) {
     return n;
 }
 
-class FaultCell : public comptest::ModeTest, public ::testing::WithParamInterface<Cell> {
+class FaultCell : public comptest::StationTest, public ::testing::WithParamInterface<Cell> {
 protected:
     void TearDown() override {
         if (holder_ > 0) {
@@ -257,7 +315,7 @@ protected:
             }
             if (TaskQueue() >= 0) msgctl(TaskQueue(), IPC_RMID, nullptr);
         }
-        comptest::ModeTest::TearDown();
+        comptest::StationTest::TearDown();
         Record();
     }
 
@@ -342,12 +400,38 @@ protected:
                 notify_ = "1_" + std::to_string(pid);
                 break;
             }
+            // the forwarder pair
+            case Mode::kFwb: {
+                server_ = comptest::Listen(&port_);
+                OpenSharedListener();
+                appVars = {{"FTPSERVER", "ftp.example.internal"}, {"FTPUSER", "user"}, {"FTPPWD", "pw"}};
+                comptest::RouteRow row =
+                    comptest::MakeRouteRow(kFwbRoute, "127.0.0.1:" + std::to_string(sharedPort), "0");
+                row["IPPORTUPPER"] = "127.0.0.1:" + std::to_string(port_);
+                StartMode("SysTCPFWB", row, {}, "Begin Working");
+                link_ = comptest::Accept(server_.get(), 5000);
+                break;
+            }
+            case Mode::kFws:
+                OpenSharedListener();
+                StartMode("SysTCPFWS",
+                          comptest::MakeRouteRow(kFwsRoute, "127.0.0.1:" + std::to_string(sharedPort), "0"), {},
+                          "Begin Working");
+                notify_ = "1_" + std::to_string(pid);
+                break;
+            // the station link
+            case Mode::kVantrel:
+                StartStation();
+                if (awaitReady) LinkUp();
+                notify_ = "1_" + std::to_string(pid);
+                break;
         }
     }
 
     // What one exchange came to.
     struct Round {
-        bool reachedTranp = false;   // the request (TS) or answer (TC) came to queue 7
+        bool reachedTranp = false;   // the request (TS) or answer (TC) came to queue 7, or
+                                     // the client's message to the far end of the link (FWB)
         bool delivered = false;      // the peer got what was meant for it
         bool peerClosed = false;     // comp closed the peer's connection
         explicit operator bool() const { return delivered; }
@@ -363,13 +447,18 @@ protected:
             case Mode::kPas: return PasExchange(body);
             case Mode::kPcsyn: return PcsynExchange(body);
             case Mode::kPassyn: return PassynExchange(body);
+            // the forwarder pair
+            case Mode::kFwb: return FwbExchange(body);
+            case Mode::kFws: return FwsExchange(body);
+            // the station link
+            case Mode::kVantrel: return VtExchange(body);
         }
         return {};
     }
     Round TsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd s = comptest::Connect(port_);
-        if (!Send(s.get(), Frame(body))) return r;
+        if (!comptest::Send(s.get(), Frame(body))) return r;
         const int len = ReadToTranp(buf.get(), pid, 3000);
         r.reachedTranp = len >= comp::kPlatHdrLen;
         if (r.reachedTranp) {
@@ -390,7 +479,7 @@ protected:
         DeliverToComp(kTcRoute, comp::kFifoRouteNotify, "20_1", {text.begin(), text.end()});
         comp::UniqueFd conn = comptest::Accept(server_.get(), 3000);
         if (!conn.valid()) return r;
-        if (comptest::ReadFrame(conn.get(), 1000) == Frame(body)) Send(conn.get(), Frame("re:" + body));
+        if (comptest::ReadFrame(conn.get(), 1000) == Frame(body)) comptest::Send(conn.get(), Frame("re:" + body));
         const int len = ReadToTranp(buf.get(), pid, 2000);
         r.reachedTranp = r.delivered =
             len > comp::kPlatHdrLen && std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) ==
@@ -437,15 +526,7 @@ protected:
     Round PsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
-        const int seen = LogCount(",New fd ");
-        Wake(0);
-        if (ReadCommonp(buf.get(), comp::kCommonpAccepted, 3000) <= 0) return r;
-        // A failed accept leaves the client waiting for the next command.
-        for (int tries = 0; tries < 20 && !AwaitLog(",New fd ", seen + 1, 300); ++tries) {
-            if (WaitComp(c, 0) != -1) return r;
-            Wake(0);
-            ReadCommonp(buf.get(), comp::kCommonpAccepted, 1000);
-        }
+        if (!TakeOnCommand()) return r;
         const std::string log = CompTraceLog(c);
         const size_t at = log.rfind(",New fd ");
         if (at == std::string::npos) return r;
@@ -494,7 +575,7 @@ protected:
             }
         }
         if (got != Frame(body)) return r;
-        Send(link_.get(), Frame("re:" + body));
+        comptest::Send(link_.get(), Frame("re:" + body));
         r.reachedTranp = r.delivered = DataBody(NextData(2000)) == Frame("re:" + body);
         return r;
     }
@@ -506,7 +587,7 @@ protected:
         const int ends = LogCount("connection End");
         comp::UniqueFd cl = comptest::Connect(sharedPort, "127.0.0.2");
         if (!WakeUntilTaken()) return r;
-        Send(cl.get(), Frame("ask:" + body));
+        comptest::Send(cl.get(), Frame("ask:" + body));
         const int len = NextData(2000);
         r.reachedTranp = DataBody(len) == Frame("ask:" + body);
         if (r.reachedTranp) {
@@ -542,7 +623,7 @@ protected:
         // One request and comp's answer; false (the link forgotten) when the
         // link closed instead.
         auto ask = [&](int cmd, const std::string& data, const std::string& want) {
-            const bool sent = Send(link_.get(), kit::SynBytes(cmd, serial_, data));
+            const bool sent = comptest::Send(link_.get(), kit::SynBytes(cmd, serial_, data));
             const std::string got = sent ? kit::ReadSyn(link_.get(), 2000) : "";
             if (got.empty() && Closes(link_.get(), 500)) {
                 r.peerClosed = true;
@@ -585,7 +666,7 @@ protected:
         };
         if (!WakeUntilTaken() || !expect(kit::SynBytes(1, 0))) return r;
         const std::string up = kit::SynBytes(4, 0, "up:" + body);
-        if (!Send(cl.get(), up) || !expect(kit::SynBytes(1, 1))) return r;
+        if (!comptest::Send(cl.get(), up) || !expect(kit::SynBytes(1, 1))) return r;
         const int len = NextData(2000);
         r.reachedTranp = DataBody(len) == up;
         if (r.reachedTranp) {
@@ -597,10 +678,122 @@ protected:
             DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), {text.begin(), text.end()});
             for (const int64_t end = kit::NowMs() + 2000; TasksWaiting() < 1 && kit::NowMs() < end;) kit::SleepMs(5);
             const std::string more = kit::SynBytes(4, 1, "more");
-            r.delivered = Send(cl.get(), more) && expect(kit::SynBytes(4, 2, body)) && DataBody(NextData(2000)) == more;
+            r.delivered = comptest::Send(cl.get(), more) && expect(kit::SynBytes(4, 2, body)) && DataBody(NextData(2000)) == more;
         }
         cl.reset();
         AwaitLog("connection End", ends + 1, 2000);
+        return r;
+    }
+
+    // A client of the shared listener taken on "0": wakes the mode until it
+    // holds one more connection, or refused one for want of the registry (a
+    // failed accept leaves the client waiting for the next command); false
+    // when it never does, or the process ended. Descriptors are counted, not
+    // log lines: the disk may be full.
+    bool TakeOnCommand() {
+        kit::SleepMs(20);  // the last exchange's connection is closed a moment after its peer heard of it
+        const int seen = TakenOrRefused();
+        for (int tries = 0; tries < 20; ++tries) {
+            if (WaitComp(c, 0) != -1) return false;
+            Wake(0);
+            if (ReadCommonp(buf.get(), comp::kCommonpAccepted, tries == 0 ? 3000 : 1000) <= 0 && tries == 0)
+                return false;
+            for (const int64_t end = kit::NowMs() + 300; kit::NowMs() < end; kit::SleepMs(10))
+                if (TakenOrRefused() > seen) return true;
+        }
+        return false;
+    }
+    int TakenOrRefused() const { return CountFds(pid) + LogCount("SysRegConnection error"); }
+
+    // the forwarder pair
+    // A client taken on "0" and announced on the link, its message to the
+    // server (the test), the server's answer back to it; the client leaves.
+    Round FwbExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd cl = comptest::Connect(sharedPort);
+        const int port = comptest::LocalPort(cl.get());
+        if (!TakeOnCommand()) return r;
+        auto unitFor = [&](char kind) {
+            for (const int64_t end = kit::NowMs() + 2000; kit::NowMs() < end;) {
+                fwtest::LinkUnit u = fwtest::ReadUnit(link_.get(), fw::Reader::kServer, 500);
+                if (u && u.hdr.kind == kind && u.hdr.port == port) return u;
+            }
+            return fwtest::LinkUnit{};
+        };
+        if (unitFor(fw::kConnect) && comptest::Send(cl.get(), Frame(body))) {
+            r.reachedTranp = unitFor(fw::kData).msg == Frame(body);
+            const std::string answer = fwtest::UnitBytes(fw::kData, "127.0.0.1", port, Frame("re:" + body));
+            if (r.reachedTranp) comptest::Send(link_.get(), answer);
+            r.delivered = fwtest::ReadMessage(cl.get(), 2000) == Frame("re:" + body);
+        }
+        if (!r.delivered) comptest::ReadUntilClose(cl.get(), 1000, &r.peerClosed);
+        cl.reset();
+        unitFor(fw::kDisconnect);
+        return r;
+    }
+    // A forwarder link taken on "0", a client announced on it, the client's
+    // message to TranP, TranP's answer back on the link; the link leaves.
+    Round FwsExchange(const std::string& body) {
+        Round r;
+        comp::UniqueFd link = comptest::Connect(sharedPort);
+        if (!TakeOnCommand()) return r;
+        const int port = 4000 + ++fwsClients_;
+        const int kind = comp::plat::kKind;
+        if (comptest::Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
+            comptest::Send(link.get(), fwtest::UnitBytes(fw::kData, "10.0.0.7", port, Frame(body)))) {
+            // The N001 comes first; the message after it.
+            for (int len; !r.reachedTranp && (len = ReadToTranp(buf.get(), pid, 2000)) >= comp::kPlatHdrLen;)
+                r.reachedTranp = comptest::At<uint16_t>(buf->caText, kind) != comp::plat::kKindNotice &&
+                                 std::string(buf->caText + comp::kPlatHdrLen, len - comp::kPlatHdrLen) == Frame(body);
+        }
+        if (r.reachedTranp) {
+            std::vector<char> text;
+            const std::string reply = Frame("re:" + body);
+            EXPECT_TRUE(kit::BuildAnswer(kit::AnswerForm::kByPid, buf->caText, reply.data(),
+                                         static_cast<int>(reply.size()), &text));
+            DeliverToComp(pid, comp::kFifoPidNotify, std::to_string(pid), text);
+            r.delivered = fwtest::ReadUnit(link.get(), fw::Reader::kForwarder, 2000).msg == reply;
+        }
+        if (!r.delivered) comptest::ReadUntilClose(link.get(), 1000, &r.peerClosed);
+        // The link's end tells TranP the client is gone.
+        link.reset();
+        if (r.reachedTranp) ReadToTranp(buf.get(), pid, 2000);
+        return r;
+    }
+
+    // the station link
+    // The peer's frame to TranP, then TranP's frame to the peer and the
+    // peer's ACK of it, which comes to TranP as an N005. A connection comp
+    // closed is told to TranP (N003); comp then connects again and the next
+    // exchange runs the connection sequence first.
+    Round VtExchange(const std::string& body) {
+        Round r;
+        if (stationLost_) {
+            TakeConnection();
+            LinkUp();
+            if (HasFatalFailure()) return r;
+            stationLost_ = false;
+        }
+        const Bytes in = kit::station::Trade(body, Serial());
+        Send(in);
+        Read(2000);   // its acknowledgement
+        r.reachedTranp = Next(2000).Frame() == in;
+        const std::string reply = "re:" + body;
+        const Bytes out = SendTrade(reply);
+        if (!out.empty() && std::string(out.begin(), out.end()).find(reply) != std::string::npos) {
+            Send(kit::station::Ack(kit::station::IdentityOf(out).data(), false, Serial()));
+            r.delivered = Next(2000).Is("N005");
+        }
+        if (!r.delivered) {
+            comptest::ReadUntilClose(peer.get(), 1000, &r.peerClosed);
+            if (r.peerClosed) {
+                stationLost_ = true;
+                const comptest::StationOut told = Next(2000);
+                if (WaitComp(c, 0) == -1) {
+                    EXPECT_TRUE(told.Is("N003")) << AllLogs();
+                }
+            }
+        }
         return r;
     }
 
@@ -688,6 +881,8 @@ protected:
     int port_ = 0;
     comp::UniqueFd server_, link_;
     int serial_ = 0;   // PCSYN: the serial of the link's next request
+    int fwsClients_ = 0;
+    bool stationLost_ = false;
     std::string notify_;
     int fdsBefore_ = 0, nodesBefore_ = 0;
     pid_t holder_ = -1;
@@ -726,10 +921,8 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
         case Fault::kSemHolderKilled: {
             HoldRegistryLock();
             // The next client waits for the lock; the holder dies holding it.
-            // (PAS and PASSYN take a client only when woken.)
-            const bool woken = cell.mode == Mode::kPas || cell.mode == Mode::kPassyn;
-            comp::UniqueFd s = comptest::Connect(woken ? sharedPort : port_);
-            if (woken) Wake(0);
+            comp::UniqueFd s = comptest::Connect(cell.mode == Mode::kTs ? port_ : sharedPort);
+            if (cell.mode != Mode::kTs) Wake(0);
             for (const int64_t end = kit::NowMs() + 3000; semctl(RegistryLockSet(), 0, GETNCNT) < 1;) {
                 ASSERT_LT(kit::NowMs(), end) << "comp never waited for the lock" << AllLogs();
                 kit::SleepMs(5);
@@ -746,7 +939,7 @@ TEST_P(FaultCell, reaction_then_serves_on_without_leaks) {
     for (int more = 0; cell.fault == Fault::kLogFull && more < 30 && LogCount("fault seam: ") == 0; ++more)
         hit = Exchange(cell.mode, "hit");
     if (cell.line[0] != '\0') {
-        EXPECT_TRUE(AwaitLog(cell.line, 1, 3000)) << AllLogs();
+        EXPECT_TRUE(AwaitCount([&] { return Logs(); }, cell.line, 1, 3000)) << Logs();
     }
     if (seamFault) {
         EXPECT_TRUE(Logged({"fault seam: "})) << "the armed call was reached" << AllLogs();
