@@ -290,7 +290,7 @@ TEST_F(FwbTest, missing_ftp_setting_ends_the_start) {
     comptest::RouteRow row = comptest::MakeRouteRow(kRoute, "127.0.0.1:1", "0");
     row["IPPORTUPPER"] = "127.0.0.1:" + std::to_string(upperPort);
     StartMode("SysTCPFWB", row, {}, "com error");
-    EXPECT_EQ(WaitComp(c, 5000), 0);
+    EXPECT_EQ(WaitComp(c, 10000), 0);
     EXPECT_TRUE(Logged({"lost FTPPWD in app.cfg"}));
 }
 

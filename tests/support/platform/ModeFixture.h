@@ -55,8 +55,8 @@ protected:
         instances_.push_back(inst);
         if (comps_.size() == 1) pid = comp(i).pid;
         if (!awaitReady) return i;
-        EXPECT_GT(ReadCommonp(buf.get(), comp::kCommonpLogon, 5000), 0) << CompOutput(i) << AllLogs();
-        EXPECT_TRUE(AwaitCount([&] { return CompTraceLog(i); }, readyText, 1, 5000)) << AllLogs();
+        EXPECT_GT(ReadCommonp(buf.get(), comp::kCommonpLogon, 10000), 0) << CompOutput(i) << AllLogs();
+        EXPECT_TRUE(AwaitCount([&] { return CompTraceLog(i); }, readyText, 1, 10000)) << AllLogs();
         return i;
     }
     // A listening socket on a free loopback port, non-blocking, that the
