@@ -249,14 +249,14 @@ TEST_F(PassynTest, a_client_that_stops_polling_is_closed_after_the_idle_timeout)
 // send time is pulled back to the clock and the wait limit counts from
 // there; stepped forward past the limit, the push goes at once.
 TEST_F(PassynTest, clock_stepped_back_or_forward_under_a_waiting_client) {
-    const std::string spec = run.file("faketime.spec");
-    run.write("faketime.spec", "+0\n");
-    compEnv = SteppedClock(spec);
+    const std::string offsetFile = run.file("faketime.offset");
+    run.write("faketime.offset", "+0\n");
+    compEnv = SteppedClock(offsetFile);
     if (compEnv.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian package faketime)";
     Start({{"BEATINTERVAL", "2"}, {"IDLETIMEOUT", "3000"}});   // the jumps must not end the client
     comp::UniqueFd s = Client();
     ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 0)));
-    run.write("faketime.spec", "-30\n");
+    run.write("faketime.offset", "-30\n");
     int64_t t = kit::NowMs();
     EXPECT_EQ(Frame(s.get(), 8000), SynBytes(1, 1)) << AllLogs();
     EXPECT_LT(kit::NowMs() - t, 4000) << "two seconds after the step, not thirty-two";
@@ -264,7 +264,7 @@ TEST_F(PassynTest, clock_stepped_back_or_forward_under_a_waiting_client) {
 
     ASSERT_TRUE(comptest::Send(s.get(), SynBytes(2, 1)));
     kit::SleepMs(200);
-    run.write("faketime.spec", "+30\n");
+    run.write("faketime.offset", "+30\n");
     t = kit::NowMs();
     EXPECT_EQ(Frame(s.get(), 3000), SynBytes(1, 2));
     EXPECT_LT(kit::NowMs() - t, 1500) << "pushed on the pass after the jump";
