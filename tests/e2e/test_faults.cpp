@@ -526,7 +526,7 @@ protected:
     Round PsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
-        if (!TakeOnCommand()) return r;
+        if (!WakeUntilTaken()) return r;
         const std::string log = CompTraceLog(c);
         const size_t at = log.rfind(",New fd ");
         if (at == std::string::npos) return r;
@@ -685,25 +685,6 @@ protected:
         return r;
     }
 
-    // A client of the shared listener taken on "0": wakes the mode until it
-    // holds one more connection, or refused one for want of the registry (a
-    // failed accept leaves the client waiting for the next command); false
-    // when it never does, or the process ended. Descriptors are counted, not
-    // log lines: the disk may be full.
-    bool TakeOnCommand() {
-        kit::SleepMs(20);  // the last exchange's connection is closed a moment after its peer heard of it
-        const int seen = TakenOrRefused();
-        for (int tries = 0; tries < 20; ++tries) {
-            if (WaitComp(c, 0) != -1) return false;
-            Wake(0);
-            if (ReadCommonp(buf.get(), comp::kCommonpAccepted, tries == 0 ? 3000 : 1000) <= 0 && tries == 0)
-                return false;
-            for (const int64_t end = kit::NowMs() + 300; kit::NowMs() < end; kit::SleepMs(10))
-                if (TakenOrRefused() > seen) return true;
-        }
-        return false;
-    }
-    int TakenOrRefused() const { return CountFds(pid) + LogCount("SysRegConnection error"); }
 
     // the forwarder pair
     // A client taken on "0" and announced on the link, its message to the
@@ -712,7 +693,7 @@ protected:
         Round r;
         comp::UniqueFd cl = comptest::Connect(sharedPort);
         const int port = comptest::LocalPort(cl.get());
-        if (!TakeOnCommand()) return r;
+        if (!WakeUntilTaken()) return r;
         auto unitFor = [&](char kind) {
             for (const int64_t end = kit::NowMs() + 2000; kit::NowMs() < end;) {
                 fwtest::LinkUnit u = fwtest::ReadUnit(link_.get(), fw::Reader::kServer, 500);
@@ -736,7 +717,7 @@ protected:
     Round FwsExchange(const std::string& body) {
         Round r;
         comp::UniqueFd link = comptest::Connect(sharedPort);
-        if (!TakeOnCommand()) return r;
+        if (!WakeUntilTaken()) return r;
         const int port = 4000 + ++fwsClients_;
         const int kind = comp::plat::kKind;
         if (comptest::Send(link.get(), fwtest::UnitBytes(fw::kConnect, "10.0.0.7", port)) &&
